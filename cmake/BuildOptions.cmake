@@ -1,0 +1,14 @@
+# velmora-build-options: how every target of this project is compiled. Linked privately, so that
+# nothing of it reaches a user of the library.
+add_library(velmora-build-options INTERFACE)
+target_compile_features(velmora-build-options INTERFACE cxx_std_20)
+target_compile_options(velmora-build-options INTERFACE
+  -Wall -Wextra -Wshadow -Wconversion -Wnon-virtual-dtor -Wold-style-cast
+  # Log lines name the source from the repository's root, wherever the build ran.
+  -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=
+  $<$<BOOL:${VELMORA_WERROR}>:-Werror>)
+if(VELMORA_SANITIZE)
+  target_compile_options(velmora-build-options INTERFACE
+    -fsanitize=${VELMORA_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  target_link_options(velmora-build-options INTERFACE -fsanitize=${VELMORA_SANITIZE})
+endif()

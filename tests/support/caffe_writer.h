@@ -1,0 +1,42 @@
+// Makes Caffe model files for tests.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace velmora::test {
+
+/// The weights of one blob: values drawn evenly from [low, high) by a generator that a model seeds
+/// always alike.
+struct CaffeBlob {
+  std::string layer;
+  std::vector<std::int64_t> shape;
+  float low = -0.5F;
+  float high = 0.5F;
+};
+
+/// A model as the bytes of its files. `layer` and `layers` descriptions are both served.
+struct CaffeModel {
+  std::string prototxt;
+  std::string weights;  // of the pair: names, types and blobs only
+  std::string binary;   // the whole model in one message
+};
+
+/// Throws std::runtime_error if the description does not parse or lacks a blob's layer.
+CaffeModel MakeCaffeModel(const std::string& prototxt, const std::vector<CaffeBlob>& blobs);
+
+/// Small networks of one 3 x 8 x 8 input "data" and one output "prob", with parameters that matter
+/// to the output and with the fields that training leaves behind. The first is of `layer`, the
+/// second of `layers`.
+CaffeModel NewFormModel();
+CaffeModel OldFormModel();
+
+/// Writes a file in the folder for temporary files and returns its path.
+std::string WriteFile(const std::string& name, const std::string& bytes);
+
+/// One field of a message, for files that no honest writer makes.
+std::string VarintField(int number, std::uint64_t value);
+std::string BytesField(int number, const std::string& bytes);
+
+}  // namespace velmora::test

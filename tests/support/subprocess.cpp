@@ -1,0 +1,61 @@
+#include "support/subprocess.h"
+
+#include <fcntl.h>
+#include <pty.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+
+Finished RunProcess(std::vector<std::string> command, ErrorTo error_to,
+                    const std::string& output_path) {
+  std::vector<char*> arguments;
+  for (std::string& argument : command) {
+    arguments.push_back(argument.data());
+  }
+  arguments.push_back(nullptr);
+  // A file, and not a second pipe: a program that fills one pipe while the other is read hangs.
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> output(
+      output_path.empty() ? std::tmpfile() : std::fopen(output_path.c_str(), "w"), &std::fclose);
+  int ends[2];  // for reading and for writing, as of pipe()
+  winsize size{24, 80, 0, 0};
+  const int opened = error_to == ErrorTo::kPipe
+                         ? pipe2(ends, O_CLOEXEC)
+                         : openpty(&ends[0], &ends[1], nullptr, nullptr, &size);
+  if (output == nullptr || opened != 0) {
+    std::perror("RunProcess");
+    std::abort();
+  }
+
+  const pid_t child = fork();
+  if (child == 0) {
+    setenv("TERM", "xterm", 1);
+    dup2(fileno(output.get()), STDOUT_FILENO);
+    dup2(ends[1], STDERR_FILENO);
+    close(ends[0]);
+    close(ends[1]);
+    execv(arguments[0], arguments.data());
+    _exit(127);
+  }
+  close(ends[1]);
+  Finished finished;
+  char buffer[4096];
+  // The end of a terminal is an error, that of a pipe is not.
+  for (ssize_t count; (count = read(ends[0], buffer, sizeof buffer)) > 0;) {
+    finished.error.append(buffer, static_cast<std::size_t>(count));
+  }
+  close(ends[0]);
+  int status = 0;
+  if (waitpid(child, &status, 0) == child && WIFEXITED(status)) {
+    finished.status = WEXITSTATUS(status);
+  }
+  if (output_path.empty()) {
+    std::rewind(output.get());
+    for (std::size_t count; (count = std::fread(buffer, 1, sizeof buffer, output.get())) > 0;) {
+      finished.output.append(buffer, count);
+    }
+  }
+  return finished;
+}

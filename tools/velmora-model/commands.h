@@ -1,0 +1,32 @@
+// The two commands. Each returns the program's exit status; a model that cannot be loaded and an
+// output that takes no more are exceptions.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace velmora::tool {
+
+struct RunOptions {
+  std::string model;
+  std::vector<std::string> images;
+  int top = 1;
+  int batch = 1;
+  bool json = false;
+  std::string annotate;  // folder; empty for none
+  std::string truth;     // file; empty for the truth.csv beside the images
+};
+
+struct BenchOptions {
+  std::string model;
+  std::vector<std::string> images;  // empty for a made-up one
+  int iterations = 200;
+  int warmup = 20;
+  int batch = 1;
+  bool json = false;
+};
+
+int Run(const RunOptions& options);
+int Bench(const BenchOptions& options);
+
+}  // namespace velmora::tool

@@ -1,0 +1,165 @@
+// velmora-model: runs image-recognition models from the command line.
+
+#include <fmt/format.h>
+#include <google/protobuf/stubs/logging.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <clocale>
+#include <opencv2/core/utils/logger.hpp>
+
+#include "commands.h"
+#include "common.h"
+#include "model.h"
+
+namespace {
+
+using namespace velmora::tool;  // NOLINT(google-build-using-namespace)
+
+constexpr char kStatusHelp[] = R"(Exit status:
+  0  all was done
+  1  something could not be done, as standard error says; the rest was
+  2  wrong usage
+  3  the model could not be loaded)";
+
+constexpr char kModelHelp[] = R"(MODEL.json describes a model and how images are prepared for it:
+  {
+    "name": "digits",
+    "network": {
+      "output_names": ["prob"],
+      "enable_dnn": true,
+      "dnn_prototxt_path": "digits.prototxt",
+      "dnn_caffemodel_path": "digits.caffemodel"
+    },
+    "image": { "width": 24, "height": 32, "channels": "rgb", "mean": 128, "scale": [0.1, 0.1, 0.2] },
+    "labels": ["zero", "one", "two"]
+  }
+  network  the fields of the library's NetworkConfig; paths start at MODEL.json's folder. The
+           answer is the first of output_names: one probability for each label.
+  image    the size in pixels, and "rgb", "bgr" or "gray". The network is given
+           (pixel - mean) * scale, by channel in that order, or one number for all; without
+           them, mean is 0 and scale is 1.
+  labels   may be left out: answers are then numbers from 0.
+)";
+
+constexpr char kRunHelp[] = R"(
+A FOLDER stands for the image files in it (not in its subfolders), by name. An image that is named
+twice is done once. The time is that of the network alone: reading and preparing an image is not
+in it, and an image in a batch has an equal share of the batch's time.
+
+Truth is a CSV file with the header "file,label". In a truth.csv, names are those of images in its
+folder. In a --truth FILE, a name with a slash is a path from FILE's folder, and one without a
+slash is any image of that name. Images whose truth is unknown are left out of the accuracy.
+
+Annotated images are PNG files: the image, enlarged if it is tiny, with its answers below it, in
+green when right and red when wrong. They never replace an input image.
+)";
+
+constexpr char kRunExamples[] = R"(Examples:
+  velmora-model run digits/model.json digits/images
+  velmora-model run --json --top 3 digits/model.json a.png b.jpg > answers.json
+  velmora-model run --annotate answers --batch 8 digits/model.json digits/images
+)";
+
+constexpr char kBenchHelp[] = R"(
+Without images, one made-up image of the model's size is used, the same every time; with them,
+they are taken in turn. A run is one batch through the network; reading and preparing the images
+is not in its time. p90 is the time that 90 % of the runs did not exceed.
+"velmora-model run --help" says what MODEL.json holds.
+)";
+
+constexpr char kBenchExamples[] = R"(Examples:
+  velmora-model bench digits/model.json
+  velmora-model bench --json --iterations 1000 --batch 8 digits/model.json digits/images
+)";
+
+/// The program tells of a failure in one line of its own; the engines would add theirs.
+void SilenceEngines() {
+  cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_SILENT);
+  google::protobuf::SetLogHandler(nullptr);
+}
+
+/// A whole number in this range. Without its usual description, --help says "N" and no more.
+CLI::Validator Between(int least, int most) { return CLI::Range(least, most).description(""); }
+
+int RunProgram(std::vector<std::string> arguments) {
+  CLI::App app("Runs image-recognition models.", "velmora-model");
+  app.get_formatter()->column_width(24);
+  app.require_subcommand(1);
+  app.set_help_flag("-h,--help", "Print this help and exit");
+  app.set_version_flag("--version", fmt::format("velmora-model {}", VELMORA_VERSION),
+                       "Print the version and exit");
+  app.footer(fmt::format("\n\"velmora-model COMMAND --help\" tells more.\n\n{}\n{}", kRunExamples,
+                         kStatusHelp));
+
+  RunOptions run;
+  CLI::App* const run_command = app.add_subcommand("run", "Recognise images");
+  const auto add = [](CLI::App* command, const char* name, auto* value, const char* type,
+                      const char* help) {
+    return command->add_option(name, *value, help)->type_name(type);
+  };
+  add(run_command, "MODEL.json", &run.model, "", "Description of the model")->required();
+  add(run_command, "IMAGE|FOLDER", &run.images, "", "Images to recognise")->required();
+  add(run_command, "--top", &run.top, "K", "Answers to show for an image, best first [1]")
+      ->check(Between(1, 1'000'000));
+  add(run_command, "--batch", &run.batch, "N", "Images given to the network at a time [1]")
+      ->check(Between(1, 4096));
+  run_command->add_flag("--json", run.json, "Print one JSON document instead of a table");
+  add(run_command, "--annotate", &run.annotate, "FOLDER", "Write images with their answers there");
+  add(run_command, "--truth", &run.truth, "FILE", "Right labels [truth.csv beside the images]");
+  run_command->footer(
+      fmt::format("{}\n{}\n{}\n{}", kRunHelp, kModelHelp, kRunExamples, kStatusHelp));
+
+  BenchOptions bench;
+  CLI::App* const bench_command = app.add_subcommand("bench", "Measure a model's speed");
+  add(bench_command, "MODEL.json", &bench.model, "", "Description of the model")->required();
+  add(bench_command, "IMAGE|FOLDER", &bench.images, "", "Images to run");
+  add(bench_command, "--iterations", &bench.iterations, "N", "Runs to measure [200]")
+      ->check(Between(1, 1'000'000));
+  add(bench_command, "--warmup", &bench.warmup, "N", "Runs before those, not measured [20]")
+      ->check(Between(0, 1'000'000));
+  add(bench_command, "--batch", &bench.batch, "N", "Images in a run [1]")->check(Between(1, 4096));
+  bench_command->add_flag("--json", bench.json, "Print one JSON document instead of a table");
+  bench_command->footer(fmt::format("{}\n{}\n{}", kBenchHelp, kBenchExamples, kStatusHelp));
+
+  // The parser takes "[a]" for a list.
+  for (std::string& argument : arguments) {
+    if (argument.starts_with('[')) {
+      argument.insert(0, "./");
+    }
+  }
+  std::reverse(arguments.begin(), arguments.end());  // as the parser wants them
+  try {
+    app.parse(std::move(arguments));
+  } catch (const CLI::CallForHelp&) {
+    Print(app.help());
+    return kDone;
+  } catch (const CLI::CallForVersion& version) {
+    Print(fmt::format("{}\n", version.what()));
+    return kDone;
+  } catch (const CLI::ParseError& error) {
+    Console().Say(fmt::format("{}; see velmora-model --help", error.what()));
+    return kWrongUsage;
+  }
+  return run_command->parsed() ? Run(run) : Bench(bench);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  static_cast<void>(std::setlocale(
+      LC_CTYPE, "C.UTF-8"));  // what OneLine() and its like decode; numbers stay as in C
+  SilenceEngines();
+  Console console;
+  try {
+    const int status = RunProgram({argv + 1, argv + argc});
+    FlushOutput();
+    return status;
+  } catch (const ModelError& error) {
+    console.Say(error.what());
+    return kModelNotLoaded;
+  } catch (...) {
+    console.Say(CurrentFault());
+    return kNotAllDone;
+  }
+}

@@ -1,0 +1,43 @@
+// A model: its description in a MODEL.json, and the network that is loaded from it.
+#pragma once
+
+#include <velmora/plugin/network/base_network.h>
+
+#include <memory>
+#include <opencv2/core.hpp>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace velmora::tool {
+
+/// A model that cannot be used: "PATH: FAULT", where the fault names the key or the file.
+struct ModelError : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+enum class Channels { kRgb, kBgr, kGray };
+
+struct Model {
+  std::string name;
+  plugin::network::NetworkConfig config;
+  cv::Size size;
+  Channels channels = Channels::kRgb;
+  cv::Scalar mean = cv::Scalar::all(0);  // in the order of `channels`, as is the scale
+  cv::Scalar scale = cv::Scalar::all(1);
+  std::vector<std::string> labels;  // "0", "1", … when the description has none
+
+  std::unique_ptr<plugin::network::BaseNetwork> network;
+  std::string engine;  // name and version
+};
+
+/// Throws ModelError when the description or the network cannot be loaded, and when the network
+/// does not run on an image as described or gives another number of values than there are labels.
+Model LoadModel(const std::string& path);
+
+/// The probabilities of the labels, for each of the images, which are prepared ones; `*seconds` is
+/// the time of the network alone. Passes on what the engine throws.
+std::vector<std::vector<float>> Forward(const Model& model, const std::vector<cv::Mat>& images,
+                                        double* seconds);
+
+}  // namespace velmora::tool

@@ -1,0 +1,253 @@
+#include <fmt/format.h>
+#include <json/json.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <numeric>
+#include <optional>
+
+#include "commands.h"
+#include "common.h"
+#include "images.h"
+#include "model.h"
+
+namespace velmora::tool {
+
+namespace {
+
+struct Answer {
+  std::string label;
+  float probability = 0;
+};
+
+/// What came of one image: answers, or a fault instead.
+struct Result {
+  std::string file;
+  cv::Mat image;                // kept for annotating only
+  std::vector<Answer> answers;  // best first
+  double milliseconds = 0;
+  const std::string* truth = nullptr;
+  std::string fault;
+
+  bool right() const { return truth != nullptr && answers[0].label == *truth; }
+};
+
+std::vector<Answer> BestAnswers(const std::vector<float>& values,
+                                const std::vector<std::string>& labels, int top) {
+  for (const float value : values) {
+    if (!std::isfinite(value)) {
+      throw std::runtime_error(fmt::format("the network answered {}", value));
+    }
+  }
+  std::vector<std::size_t> order(values.size());
+  std::iota(order.begin(), order.end(), 0);
+  std::stable_sort(order.begin(), order.end(),
+                   [&](std::size_t a, std::size_t b) { return values[a] > values[b]; });
+  order.resize(std::min(order.size(), static_cast<std::size_t>(top)));
+  std::vector<Answer> answers;
+  for (const std::size_t i : order) {
+    answers.push_back({labels[i], values[i]});
+  }
+  return answers;
+}
+
+/// Reads, prepares and runs the images of one batch. An image that fails gets a fault; the others
+/// are still done.
+void RunBatch(const Model& model, const RunOptions& options, std::vector<Result>* batch,
+              Console* console) {
+  std::vector<cv::Mat> prepared;
+  std::vector<Result*> running;
+  const auto fail = [console](Result* result) {
+    result->fault = CurrentFault();
+    console->Fault(result->file, result->fault);
+  };
+  for (Result& result : *batch) {
+    try {
+      const cv::Mat image = ReadImage(result.file, model.channels);
+      prepared.push_back(Prepare(image, model));
+      running.push_back(&result);
+      if (!options.annotate.empty()) {
+        result.image = image;
+      }
+    } catch (...) {
+      fail(&result);
+    }
+  }
+  if (running.empty()) {
+    return;
+  }
+  std::vector<std::vector<float>> values;
+  double seconds = 0;
+  try {
+    values = Forward(model, prepared, &seconds);
+  } catch (...) {
+    std::for_each(running.begin(), running.end(), fail);
+    return;
+  }
+  for (std::size_t i = 0; i < running.size(); ++i) {
+    try {
+      running[i]->answers = BestAnswers(values[i], model.labels, options.top);
+      running[i]->milliseconds = seconds * 1000 / static_cast<double>(running.size());
+    } catch (...) {
+      fail(running[i]);
+    }
+  }
+}
+
+/// The table for people: one row an image, further answers below it. Rows are printed as they come,
+/// so the widths are settled beforehand.
+class Table {
+ public:
+  Table(const std::vector<std::string>& images, const std::vector<std::string>& labels,
+        bool has_truth) {
+    for (const std::string& image : images) {
+      file_width_ = std::max(file_width_, Width(OneLine(image)));
+    }
+    for (const std::string& label : labels) {
+      label_width_ = std::max(label_width_, Width(OneLine(label)));
+    }
+    if (const int columns = TerminalWidth(STDOUT_FILENO); columns > 0) {
+      const int others = label_width_ + 26 + (has_truth ? label_width_ + 9 : 0);
+      file_width_ = std::min(file_width_, std::max(12, columns - others));
+    }
+    PrintRow("file", "label", "probability", "time (ms)", has_truth ? "truth" : "");
+  }
+
+  void Add(const Result& result) const {
+    std::string file = OneLine(result.file);
+    std::string time = fmt::format("{:.3f}", result.milliseconds);
+    std::string truth = result.truth == nullptr ? "" : OneLine(*result.truth);
+    truth += result.truth == nullptr || result.right() ? "" : "  wrong";
+    for (const Answer& answer : result.answers) {
+      PrintRow(file, OneLine(answer.label), fmt::format("{:.4f}", answer.probability), time, truth);
+      file = time = truth = "";
+    }
+  }
+
+ private:
+  void PrintRow(const std::string& file, const std::string& label, const std::string& probability,
+                const std::string& time, const std::string& truth) const {
+    std::string row = fmt::format("{:<{}}  {:<{}}  {:>11}  {:>9}  {}", KeepEnd(file, file_width_),
+                                  file_width_, label, label_width_, probability, time, truth);
+    row.resize(row.find_last_not_of(' ') + 1);
+    Print(row + "\n");
+  }
+
+  int file_width_ = 4;
+  int label_width_ = 5;
+};
+
+Json::Value ToJson(const Result& result) {
+  Json::Value image;
+  image["file"] = JsonText(result.file);
+  if (!result.fault.empty()) {
+    image["error"] = JsonText(result.fault);
+    return image;
+  }
+  for (const Answer& answer : result.answers) {
+    Json::Value entry;
+    entry["label"] = JsonText(answer.label);
+    entry["probability"] = answer.probability;
+    image["answers"].append(entry);
+  }
+  image["time_ms"] = result.milliseconds;
+  if (result.truth != nullptr) {
+    image["truth"] = JsonText(*result.truth);
+    image["correct"] = result.right();
+  }
+  return image;
+}
+
+void Annotate(const Result& result, Annotator* annotator, Console* console) {
+  std::vector<std::string> lines;
+  for (const Answer& answer : result.answers) {
+    lines.push_back(fmt::format("{}  {:.1f} %", OneLine(answer.label), answer.probability * 100));
+  }
+  cv::Scalar colour = cv::Scalar::all(255);
+  if (result.truth != nullptr) {
+    colour = result.right() ? cv::Scalar(90, 220, 90) : cv::Scalar(90, 90, 255);
+    if (!result.right()) {
+      lines.push_back(fmt::format("truth: {}", OneLine(*result.truth)));
+    }
+  }
+  try {
+    annotator->Write(result.file, result.image, lines, colour);
+  } catch (...) {
+    console->Fault(result.file, CurrentFault());
+  }
+}
+
+}  // namespace
+
+int Run(const RunOptions& options) {
+  const Model model = LoadModel(options.model);
+  Console console;
+  const std::vector<std::string> images = ListImages(options.images, &console);
+  const auto truth = FindTruth(images, options.truth, model.labels, &console);
+  std::optional<Annotator> annotator;
+  if (!options.annotate.empty()) {
+    try {
+      annotator.emplace(options.annotate, images);
+    } catch (...) {
+      console.Fault(options.annotate, CurrentFault());
+    }
+  }
+
+  std::optional<Table> table;
+  Json::Value document;
+  document["model"] = JsonText(model.name);
+  document["engine"] = model.engine;
+  document["images"] = Json::arrayValue;
+  std::size_t known = 0;
+  std::size_t right = 0;
+
+  for (std::size_t next = 0; next < images.size();) {
+    std::vector<Result> batch;
+    for (; next < images.size() && batch.size() < static_cast<std::size_t>(options.batch); ++next) {
+      const auto found = truth.find(images[next]);
+      batch.push_back(
+          {images[next], {}, {}, 0, found != truth.end() ? &found->second : nullptr, ""});
+    }
+    RunBatch(model, options, &batch, &console);
+    for (const Result& result : batch) {
+      if (options.json) {
+        document["images"].append(ToJson(result));
+      }
+      if (!result.fault.empty()) {
+        continue;
+      }
+      known += result.truth != nullptr ? 1 : 0;
+      right += result.right() ? 1 : 0;
+      if (!options.json) {
+        console.ClearProgress();
+        if (!table) {
+          table.emplace(images, model.labels, !truth.empty());
+        }
+        table->Add(result);
+      }
+      if (annotator) {
+        Annotate(result, &*annotator, &console);
+      }
+    }
+    FlushOutput();
+    console.ShowProgress(next, images.size());
+  }
+  console.ClearProgress();
+
+  const double accuracy =
+      static_cast<double>(right) / static_cast<double>(std::max<std::size_t>(known, 1));
+  if (known > 0) {
+    document["accuracy"]["correct"] = Json::UInt64{right};
+    document["accuracy"]["counted"] = Json::UInt64{known};
+    document["accuracy"]["ratio"] = accuracy;
+  }
+  if (options.json) {
+    PrintJson(document);
+  } else if (known > 0) {
+    Print(fmt::format("\naccuracy: {} of {} ({:.1f} %)\n", right, known, accuracy * 100));
+  }
+  return console.any_fault() ? kNotAllDone : kDone;
+}
+
+}  // namespace velmora::tool
