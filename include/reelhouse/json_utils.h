@@ -1,0 +1,44 @@
+#pragma once
+
+#include <json/value.h>
+#include <velmora/plugin/export.h>
+
+#include <string>
+
+namespace LibReelhouse {
+
+// Whole JSON documents from and to files.
+//
+// All four functions return false for any failure and throw nothing, whatever the file holds: a
+// document that the parser refuses or gives up on (more than 1,000 levels of nesting, for example)
+// does not parse. Failures are written to syslog, except that a file that cannot be opened for
+// reading is not. An empty path is a failure that touches no file.
+//
+// `root` belongs to the caller. After a failed read it holds whatever the parser left there.
+//
+// The functions keep no state and may be called from any thread at once, on different `root`s.
+//
+// A FIFO is never opened, so that nothing here waits for a process at its other end.
+
+/// Reads the file under a shared lock, flock(2), on the file itself: waits for a WriteJsonToFile()
+/// of the same file and so sees the old or the new document, never a part of one. A file that
+/// cannot be locked is read all the same. Does not create the file.
+VELMORA_EXPORT bool ReadJsonFromFile(const std::string& path, Json::Value& root);
+
+/// The same for a caller that already excludes writers.
+VELMORA_EXPORT bool ReadJsonFromFileWithoutLock(const std::string& path, Json::Value& root);
+
+/// Replaces the file's content by the document, on one line, under an exclusive lock on the file
+/// itself. Creates a missing file (mode 0664 less the umask), but no directory. A file that cannot
+/// be locked is written all the same.
+///
+/// The file is emptied and rewritten in place, and the result tells of the writing alone: true does
+/// not promise that the text has reached the file system, because what fails when the file is
+/// closed (a short document on a full disk) is not reported.
+VELMORA_EXPORT bool WriteJsonToFile(const std::string& path, const Json::Value& root);
+
+/// The same for a caller that already excludes readers and writers. A missing file gets mode 0666
+/// less the umask.
+VELMORA_EXPORT bool WriteJsonToFileWithoutLock(const std::string& path, const Json::Value& root);
+
+}  // namespace LibReelhouse

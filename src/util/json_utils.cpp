@@ -1,0 +1,121 @@
+#include <json/reader.h>
+#include <json/writer.h>
+#include <reelhouse/json_utils.h>
+#include <syslog.h>
+
+#include <exception>
+#include <utility>
+
+#include "util/file.h"
+#include "util/json_file_lock.h"
+
+namespace LibReelhouse {
+
+JsonFileLock::JsonFileLock(LockMode mode, std::string file)
+    : path(std::move(file)), fd(-1), locked(false) {
+  const int flags = mode == LockMode::Write ? O_RDWR | O_CREAT : O_RDONLY;
+  fd = OpenFile(path.c_str(), flags, 0664);
+  if (fd >= 0) {
+    locked = LockDescriptor(fd, static_cast<int>(mode) + 1) == 0;
+  }
+}
+
+JsonFileLock::~JsonFileLock() {
+  if (locked) {
+    flock(fd, LOCK_UN);
+  }
+  if (fd >= 0) {
+    close(fd);
+  }
+}
+
+namespace {
+
+// Json::Reader and Json::FastWriter are deprecated in favour of builders, which are no faster. They
+// stay, because the record's form on disk is what this writer makes.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+
+bool ReadJsonFile(const std::string& path, Json::Value& root) {
+  std::ifstream stream;
+  OpenStream(stream, path, std::ios::in);
+  if (!stream.is_open() || !stream.good()) {
+    return false;
+  }
+  bool parsed = false;
+  try {
+    Json::Reader reader;
+    parsed = reader.parse(stream, root, true);
+  } catch (const std::exception&) {
+    // Nested too deeply, too big for the memory, or a directory: it does not parse.
+  }
+  if (!parsed) {
+    syslog(LOG_ERR, "%s:%d Failed to parse json file [%s]", __FILE_NAME__, __LINE__, path.c_str());
+    return false;
+  }
+  return true;
+}
+
+bool WriteJsonFile(const std::string& path, const Json::Value& root) {
+  std::ofstream stream;
+  OpenStream(stream, path, std::ios::out | std::ios::trunc);
+  bool written = false;
+  try {
+    Json::FastWriter writer;
+    stream << writer.write(root);
+    written = stream.good();
+  } catch (const std::exception&) {
+    // No memory for the text.
+  }
+  if (!written) {
+    syslog(LOG_ERR, "%s:%d failed to write json file [%s]", __FILE_NAME__, __LINE__, path.c_str());
+    return false;
+  }
+  // Closing may still fail. That does not change the result: callers have always been told of the
+  // insertion alone.
+  return true;
+}
+
+#pragma GCC diagnostic pop
+
+}  // namespace
+
+bool ReadJsonFromFile(const std::string& path, Json::Value& root) try {
+  if (path.empty()) {
+    syslog(LOG_ERR, "%s:%d Bad parameter", __FILE_NAME__, __LINE__);
+    return false;
+  }
+  const JsonFileLock lock(LockMode::Read, path);
+  return ReadJsonFile(path, root);
+} catch (const std::exception&) {
+  return false;
+}
+
+bool ReadJsonFromFileWithoutLock(const std::string& path, Json::Value& root) {
+  if (path.empty()) {
+    syslog(LOG_ERR, "%s:%d Bad parameter", __FILE_NAME__, __LINE__);
+    return false;
+  }
+  return ReadJsonFile(path, root);
+}
+
+bool WriteJsonToFile(const std::string& path, const Json::Value& root) try {
+  if (path.empty()) {
+    syslog(LOG_ERR, "%s:%d Bad parameter", __FILE_NAME__, __LINE__);
+    return false;
+  }
+  const JsonFileLock lock(LockMode::Write, path);
+  return WriteJsonFile(path, root);
+} catch (const std::exception&) {
+  return false;
+}
+
+bool WriteJsonToFileWithoutLock(const std::string& path, const Json::Value& root) {
+  if (path.empty()) {
+    syslog(LOG_ERR, "%s:%d Bad parameter", __FILE_NAME__, __LINE__);
+    return false;
+  }
+  return WriteJsonFile(path, root);
+}
+
+}  // namespace LibReelhouse

@@ -1,0 +1,253 @@
+// The platform detector, and the appliance's system libraries as they are built here.
+#include <karvcore/karvcore.h>
+#include <karvsdk/karvsdk.h>
+#include <reelhouse/platform_utils.h>
+#include <sched.h>
+
+#include <barrier>
+#include <cerrno>
+#include <climits>
+#include <thread>
+
+#include "support/processes.h"
+
+namespace fs = std::filesystem;
+using librh::util::PlatformUtils;
+using namespace velmora::test;
+
+namespace {
+
+// Only children and the last test of the detector touch it: it reads the machine once in a process.
+class PlatformUtilsTest : public OwnFolderTest {};
+
+/// The transcoder's name, and a letter for every predicate that holds, in the class's order.
+std::string Answers() {
+  using P = PlatformUtils;
+  const char* const letters = "ebmagVrOHGlv2SF";
+  bool (P::*const predicates[])() = {
+      &P::IsEvansport,        &P::IsBraswell,         &P::IsMonaco,
+      &P::IsApolloLake,       &P::IsGeminiLake,       &P::IsSupportVaapi,
+      &P::IsRTD1296,          &P::IsSupportOMX,       &P::IsSupportHWTranscode,
+      &P::IsSupportGstreamer, &P::IsAlpine,           &P::IsAvotonProfile,
+      &P::IsFFmpeg2,          &P::IsHWSettingEnabled, &P::IsVaapiFFmpegEnabled};
+  std::string text = P::GetInst()->GetTransPlatformName() + " ";
+  const char* letter = letters;
+  for (const auto predicate : predicates) {
+    if ((P::GetInst()->*predicate)()) {
+      text += *letter;
+    }
+    ++letter;
+  }
+  return text + P::GetInst()->GetFFmpegPath() + P::GetInst()->GetGstreamerPath();
+}
+
+TEST_F(PlatformUtilsTest, KnowsEveryPlatform) {
+  const char* const off = R"({"hardware_transcode": false})";
+  const struct {
+    const char* unique;    // null: no such file
+    const char* cores;     // as in "/proc/cpuinfo"
+    const char* settings;  // null: no such file
+    const char* answers;
+  } cases[] = {
+      {nullptr, "4", nullptr, "x86_1 "},
+      {"", "4", nullptr, "x86_1 "},
+      {"braswell", "4", nullptr, "x86_1 "},
+      {"v_", "4", nullptr, "x86_1 "},
+      {"v__braswell", "4", nullptr, "x86_1 "},
+      {"v_Braswell_m1", "4", nullptr, "x86_1 "},
+      {"_cedarview", "2", nullptr, "cedarview_2 "},
+      {"v_cedarview_m1", "1", nullptr, "cedarview_1 "},
+      {"v_bromolow_m1", "", nullptr, "bromolow_1 "},
+      {"v_alpine_m1", "1", nullptr, "cedarview_2 l"},
+      {"v_alpine4k_m1", "1", nullptr, "cedarview_2 l"},
+      {"v_xalpinex_m1", "1", nullptr, "cedarview_2 "},
+      {"v_kvmx64_m1", "1", nullptr, "cedarview_2 "},
+      {"v_avoton_m1", "4", nullptr, "avoton_2 v"},
+      {"v_broadwellnk_m1", "1", nullptr, "avoton_1 v"},
+      {"v_grantley_m1", "x", nullptr, "avoton_1 v"},
+      {"v_xbroadwell_m1", "4", nullptr, "x86_1 "},
+      {"v_braswell_m1", "4", nullptr, "braswell_2 bVHSF"},
+      {"v_braswell_m1", "4", R"({"hardware_transcode": "false"})", "braswell_2 bVHSF"},
+      {"v_braswell_m1", "4", R"([{"hardware_transcode": false}])", "braswell_2 bVHSF"},
+      {"v_apollolake_m1", "1", off, "braswell_1 aVH"},
+      {"v_geminilake_m1", "1", R"({"hardware_transcode": true})", "braswell_1 gVHSF"},
+      {"v_evansport_m1", "2", nullptr, "evansport_2 eH2S"},
+      {"v_evansport_m1", "2", off, "x86_1 eH2"},
+      {"v_monaco_m1", "1", off, "monaco_2 mHG2S"},
+      {"v_rtd1296_vb31", "1", off, "monaco_2 rOHG2S"},
+      {"v_rtd1296_vb52", "1", off, "monaco_2 rOHG2S"},
+      {"v_rtd1296_vb52s", "1", off, "monaco_2 rOHG2S"},
+      {"v_rtd1296_vb74_more", "1", off, "monaco_2 rOHG2S"},
+      {"v_rtd1296_qb9", "1", off, "monaco_2 rOHG2S"},
+      {"v_rtd1296_qb91", "1", nullptr, "monaco_2 r2"},
+      {"v_rtd1296", "1", nullptr, "monaco_2 r2"},
+  };
+  const auto place = [](const char* path, const char* text, const std::string& before = "") {
+    ASSERT_TRUE(PlaceFile(path, before + (text == nullptr ? "" : text) + "\n"));
+    if (text == nullptr) {
+      fs::remove(path);
+    }
+  };
+  for (const auto& row : cases) {
+    SCOPED_TRACE(row.answers);
+    place("/etc.defaults/karvinfo.conf", row.unique, "unique=");
+    place("/var/packages/Reelhouse/etc/advanced.conf", row.settings);
+    place("/proc/cpuinfo", row.cores, "cpu cores\t: ");
+    InChild([&] { EXPECT_EQ(row.answers, Answers()); });
+  }
+}
+
+TEST_F(PlatformUtilsTest, ReadsTheFilesOfProcLineByLine) {
+  ASSERT_TRUE(PlaceFile("/proc/cpuinfo",
+                        "processor\t: 0\nmodel name\t: with: two\nmodel name\t: first\n"
+                        "model\t: second\nno value:\n\ncpu cores\t: 4\nlast:value"));
+  InChild([] {
+    PlatformUtils& machine = *PlatformUtils::GetInst();
+    EXPECT_EQ(" first", machine.GetCPUInfo("model"));
+    EXPECT_EQ(" 4", machine.GetCPUInfo("cpu cores"));
+    EXPECT_EQ("value", machine.GetCPUInfo("as"));
+    EXPECT_EQ("", machine.GetCPUInfo("no value"));
+    EXPECT_EQ("", machine.GetCPUInfo("second"));
+    EXPECT_EQ("", machine.GetCPUInfo(""));
+    EXPECT_EQ(Lines{"11 platform_utils.cpp:# Bad parameter"}, LogLines());
+
+    ASSERT_EQ(0, unshare(CLONE_NEWNS));
+    ASSERT_EQ(0, mount("none", "/proc", "tmpfs", 0, nullptr));
+    EXPECT_EQ("", machine.GetCPUInfo("cpu cores"));
+    EXPECT_EQ("", machine.GetHostPlatformName());
+    EXPECT_EQ(Lines{"11 platform_utils.cpp:# Failed to open file [/proc/cpuinfo]"}, LogLines());
+    SetText("/proc/karv_platform", " name \t\r\nsecond\n");
+    EXPECT_EQ(" name \t\r", machine.GetHostPlatformName());
+  });
+}
+
+TEST_F(PlatformUtilsTest, TheFirstUseMayComeFromManyThreadsAtOnce) {
+  ASSERT_TRUE(PlaceFile("/etc.defaults/karvinfo.conf", "unique=v_rtd1296_qb9\n"));
+  std::barrier start(16);
+  std::vector<std::string> answers(16);
+  std::vector<std::thread> threads;
+  for (std::string& answer : answers) {
+    threads.emplace_back([&start, &answer] {
+      start.arrive_and_wait();
+      answer = Answers();
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  EXPECT_EQ(Lines(16, "monaco_2 rOHG2S"), answers);
+}
+
+class KarvTest : public OwnFolderTest {};
+
+TEST_F(KarvTest, FindsTheValueOfAKey) {
+  const struct {
+    std::string text;
+    int size;
+    int result;
+    std::string value;  // the buffer's former content when nothing is found
+  } cases[] = {
+      {"key=value", 256, 6, "value"},
+      {"other=1\r\n\tkey \t= two words \r\nkey=later\r\n", 256, 10, "two words"},
+      {"# key=no\n#key=no\nkey\n=no\nKey=no\nkey2=no\nxkey=no\nkey=yes", 256, 4, "yes"},
+      {"key =   # a remark\n", 256, 1, ""},
+      {"key=#a=b#c # a remark\n", 256, 7, "#a=b#c"},
+      {"key = \" # kept \" # a remark\n", 256, 9, " # kept "},
+      {"key='it is \"so\"'\r\n", 256, 11, "it is \"so\""},
+      {"key=\"\"\n", 256, 1, ""},
+      {"key=\"open\n", 256, 6, "\"open"},
+      {"key=01234567\n", 9, 9, "01234567"},
+      {"key=01234567\n", 8, 8, "0123456"},
+      {"key=01234567\n", 1, 1, ""},
+      {"key=01234567\n", 0, -1, "before"},
+      {std::string(1 << 20, 'x') + "\nkey=" + std::string(1 << 20, 'y'), 256, 256,
+       std::string(255, 'y')},
+      {"", 256, 0, "before"},
+  };
+  for (const auto& row : cases) {
+    SCOPED_TRACE(row.text.substr(0, 80));
+    SetText("file", row.text);
+    char buffer[256] = "before";
+    EXPECT_EQ(row.result, KLIBCFileGetKeyValue("file", "key", buffer, row.size, 0));
+    EXPECT_EQ(row.value, buffer);
+  }
+  char buffer[256];
+  ASSERT_EQ(0, mkfifo("fifo", 0666));
+  EXPECT_EQ(0, KLIBCFileGetKeyValue("fifo", "key", buffer, 256, 0));
+  EXPECT_EQ(-1, KLIBCFileGetKeyValue("missing", "key", buffer, 256, 0));
+  EXPECT_EQ(-1, KLIBCFileGetKeyValue("/tmp", "key", buffer, 256, 0));
+}
+
+TEST_F(KarvTest, KnowsWhichProcessesExist) {
+  EXPECT_NE(0, KLIBCProcAlive(getpid()));
+  for (const int id : {0, -1, -getpgrp(), INT_MIN, INT_MAX}) {
+    EXPECT_EQ(0, KLIBCProcAlive(id)) << id;
+  }
+  std::thread([] { EXPECT_EQ(0, KLIBCProcAlive(gettid())); }).join();
+  const pid_t zombie = StartChild([] {});
+  siginfo_t ended;
+  ASSERT_EQ(0, waitid(P_PID, static_cast<id_t>(zombie), &ended, WEXITED | WNOWAIT));
+  EXPECT_NE(0, KLIBCProcAlive(zombie));
+  EndOf(zombie);
+  EXPECT_EQ(0, KLIBCProcAlive(zombie));
+  InChild([] {
+    SomeoneElse();
+    EXPECT_EQ(-1, kill(getppid(), 0));
+    EXPECT_NE(0, KLIBCProcAlive(getppid()));
+  });
+}
+
+TEST_F(KarvTest, RunsAProgramWithoutAShellAndUndisturbedBySignals) {
+  SetText("program", "#!/bin/sh\nfor i; do echo \"[$i]\"; done > out\nexit 7\n");
+  chmod("program", 0755);
+  EXPECT_EQ(7, KLIBCExec("./program", "a b; exit 9", "$HOME", "", nullptr));
+  EXPECT_EQ("[a b; exit 9]\n[$HOME]\n[]\n", Text("out"));
+  EXPECT_EQ(7, KLIBCExec("./program", "1", nullptr, "not passed", "4"));
+  EXPECT_EQ("[1]\n", Text("out"));
+  EXPECT_EQ(-1, KLIBCExec("sh", nullptr, nullptr, nullptr, nullptr));
+  EXPECT_EQ(ENOENT, errno);
+  InChild([] {
+    struct sigaction action = {};
+    action.sa_handler = [](int) {};  // and no SA_RESTART
+    sigaction(SIGALRM, &action, nullptr);
+    signal(SIGTERM, SIG_IGN);
+    ualarm(2000, 2000);
+    EXPECT_EQ(128 + SIGTERM,
+              KLIBCExec("/bin/sh", "-c", "sleep 0.1; kill -TERM $$; exit 3", nullptr, nullptr));
+  });
+}
+
+TEST_F(KarvTest, MakesADirectoryWithItsParents) {
+  SetText("file", "");
+  fs::create_directory("there");
+  chmod("there", 0711);
+  fs::create_symlink("missing", "dangling");
+  EXPECT_NE(0, KLIBCFileExist("there"));
+  EXPECT_EQ(0, KLIBCFileExist("dangling"));
+  const struct {
+    const char* path;
+    unsigned mode;
+    int error;         // 0 for success
+    const char* made;  // and `mode` holds for it
+  } cases[] = {
+      {"/tmp/test/a/b/c", 0755, 0, "a"}, {"d//e/./f/", 0700, 0, "d/e/f"},
+      {"closed/g", 0500, 0, "closed"},   {"there", 0755, 0, nullptr},
+      {"file", 0755, ENOTDIR, nullptr},  {"file/x", 0755, ENOTDIR, nullptr},
+      {"", 0755, ENOENT, nullptr},       {"dangling", 0755, ENOTDIR, nullptr},
+  };
+  EXPECT_TRUE(chown(".", 65534, 65534) == 0 || errno == EINVAL);  // only one user
+  InChild([&] {
+    SomeoneElse();  // whom closed directories stop
+    umask(077);
+    for (const auto& row : cases) {
+      SCOPED_TRACE(row.path);
+      errno = 0;
+      EXPECT_EQ(row.error == 0 ? 0 : -1, KARVFSMkdirP(row.path, 0, 1, 1024, 100, row.mode));
+      EXPECT_EQ(row.error, errno);
+      EXPECT_TRUE(row.made == nullptr || ModeOf(row.made) == row.mode);
+    }
+  });
+  EXPECT_EQ(0711U, ModeOf("there"));
+}
+
+}  // namespace
