@@ -1,4 +1,4 @@
-// The two commands. Each returns the program's exit status; a model that cannot be loaded and an
+// The commands. Each returns the program's exit status; a model that cannot be loaded and an
 // output that takes no more are exceptions.
 #pragma once
 
@@ -26,7 +26,19 @@ struct BenchOptions {
   bool json = false;
 };
 
+struct TranscodeOptions {
+  enum class Action { kList, kAdmit, kAdd, kRemove, kRun };
+  Action action = Action::kList;
+  bool json = false;
+  bool hardware = false;
+  bool offline = false;
+  int pid = 0;
+  std::vector<std::string> command;
+};
+
 int Run(const RunOptions& options);
 int Bench(const BenchOptions& options);
+int Transcode(const TranscodeOptions& options);
+int Status(bool json);
 
 }  // namespace velmora::tool

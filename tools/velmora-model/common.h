@@ -9,7 +9,16 @@
 
 namespace velmora::tool {
 
-enum ExitStatus { kDone = 0, kNotAllDone = 1, kWrongUsage = 2, kModelNotLoaded = 3 };
+enum ExitStatus {
+  kDone = 0,
+  kNotAllDone = 1,
+  kWrongUsage = 2,
+  kModelNotLoaded = 3,
+  // Of a command that is run for the user, as shells and their like have them.
+  kNotStarted = 125,
+  kCommandNotRunnable = 126,
+  kCommandNotFound = 127
+};
 
 /// Throws std::runtime_error (without the path) unless this is a readable file with something in
 /// it.

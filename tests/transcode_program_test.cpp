@@ -1,0 +1,116 @@
+// `velmora-model transcode` and `status`, on the real record of a machine of the test's own.
+#include <json/json.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "support/own_namespace.h"
+#include "support/subprocess.h"
+
+namespace {
+
+using velmora::test::PlaceFile;
+
+class TranscodeProgram : public testing::Test {
+ protected:
+  void SetUp() override {
+    NEED_OWN_NAMESPACE();
+    ASSERT_TRUE(PlaceFile("/etc.defaults/karvinfo.conf", "unique=\"vendor_evansport_m1\"\n"));
+    ASSERT_TRUE(PlaceFile("/proc/cpuinfo", "cpu cores\t: 4\n"));
+  }
+
+  static Finished Run(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), VELMORA_MODEL_PROGRAM);
+    velmora::test::TakeSyslog();
+    return RunProcess(arguments);
+  }
+
+  static Json::Value RunJson(std::vector<std::string> arguments) {
+    arguments.push_back("--json");
+    const Finished finished = Run(arguments);
+    EXPECT_EQ(finished.status, 0) << finished.error;
+    Json::Value document;
+    std::istringstream(finished.output) >> document;
+    return document;
+  }
+
+  static Json::Value List() { return RunJson({"transcode", "list"}); }
+};
+
+TEST_F(TranscodeProgram, ChangesTheRecord) {
+  const std::string self = std::to_string(getpid());
+  EXPECT_EQ(Run({"transcode", "admit", "--hardware"}).output, "yes\n");
+  EXPECT_EQ(Run({"transcode", "add", self, "--hardware", "--offline"}).status, 0);
+  const Finished refused = Run({"transcode", "admit", "--hardware"});
+  EXPECT_EQ(refused.output, "no\n");
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_EQ(Run({"transcode", "admit"}).output, "yes\n");
+
+  const Json::Value list = List();
+  ASSERT_EQ(list.size(), 1u);
+  EXPECT_EQ(list[0]["pid"].asInt(), getpid());
+  EXPECT_EQ(list[0]["command"].asString(),
+            std::string("transcode-progr"));  // as the kernel cuts it
+  EXPECT_TRUE(list[0]["hardware"].asBool() && list[0]["offline"].asBool());
+  EXPECT_NE(Run({"transcode", "list"}).output.find(self + "  hardware  yes"), std::string::npos);
+
+  EXPECT_EQ(Run({"transcode", "remove", self}).status, 0);
+  EXPECT_EQ(List(), Json::Value(Json::arrayValue));
+  const Finished nobody = Run({"transcode", "add", "2147483647"});
+  EXPECT_EQ(nobody.status, 1);
+  EXPECT_EQ(nobody.error, "velmora-model: 2147483647: no such process\n");
+  EXPECT_EQ(Run({"transcode", "add", "0"}).status, 2);
+}
+
+TEST_F(TranscodeProgram, RunsACommandRegistered) {
+  const std::string program = VELMORA_MODEL_PROGRAM;
+  const auto run = [](const std::string& script) {
+    return Run({"transcode", "run", "--hardware", "--", "sh", "-c", script});
+  };
+  const Finished seen = run(program + " transcode list --json; exit 7");
+  EXPECT_EQ(seen.status, 7);
+  EXPECT_NE(seen.output.find("\"hardware\" : true"), std::string::npos) << seen.output;
+  EXPECT_TRUE(List().empty());
+
+  // A second one while the first runs is refused and leaves the first one's entry alone.
+  const Finished nested =
+      run(program + " transcode run --hardware -- touch /tmp/started; echo $?; " + program +
+          " transcode list");
+  EXPECT_TRUE(nested.output.starts_with("125\n")) << nested.output;
+  EXPECT_NE(nested.output.find("hardware"), std::string::npos) << nested.output;
+  EXPECT_NE(nested.error.find("touch: not started"), std::string::npos) << nested.error;
+  EXPECT_FALSE(std::filesystem::exists("/tmp/started"));
+
+  // However the command ends: killed; asked to end, through the program; never started.
+  EXPECT_EQ(run("kill -9 $$").status, 128 + SIGKILL);
+  EXPECT_EQ(run("kill -TERM $PPID; exec sleep 60").status, 128 + SIGTERM);
+  EXPECT_EQ(Run({"transcode", "run", "--", "no-such-command"}).status, 127);
+  EXPECT_EQ(Run({"transcode", "run", "--", "/tmp"}).status, 126);
+  EXPECT_TRUE(List().empty());
+}
+
+TEST_F(TranscodeProgram, StatusTellsWhatTheMachineCanDo) {
+  const Json::Value status = RunJson({"status"});
+  EXPECT_EQ(status["platform"].asString(), "evansport");
+  EXPECT_EQ(status["model"].asString(), "m1");
+  EXPECT_EQ(status["transcoder_name"].asString(), "evansport_2");
+  EXPECT_TRUE(status["capabilities"]["hardware_transcode"].asBool());
+  EXPECT_EQ(status["limits"]["software"].asInt(), 1);
+  EXPECT_EQ(status["limits"]["hardware"].asInt(), 1);
+  EXPECT_EQ(status["transcoding"], Json::Value(Json::arrayValue));
+  EXPECT_NE(Run({"status"}).output.find("nothing is transcoding"), std::string::npos);
+
+  std::filesystem::remove_all("/tmp/Reelhouse");
+  std::ofstream("/tmp/Reelhouse") << "in the folder's place";
+  const Finished unlocked = Run({"status"});
+  EXPECT_EQ(unlocked.status, 1);
+  EXPECT_EQ(unlocked.error,
+            "velmora-model: the transcoding record cannot be locked; syslog may say more\n");
+  EXPECT_NE(unlocked.output.find("platform      evansport"), std::string::npos);
+}
+
+}  // namespace
