@@ -88,6 +88,10 @@ TEST_F(TranscodeProgram, RunsACommandRegistered) {
   // However the command ends: killed; asked to end, through the program; never started.
   EXPECT_EQ(run("kill -9 $$").status, 128 + SIGKILL);
   EXPECT_EQ(run("kill -TERM $PPID; exec sleep 60").status, 128 + SIGTERM);
+  EXPECT_EQ(RunProcess({"/bin/sh", "-c",
+                        "trap '' CHLD; exec " + program + " transcode run -- sh -c 'exit 5'"})
+                .status,
+            5);
   EXPECT_EQ(Run({"transcode", "run", "--", "no-such-command"}).status, 127);
   EXPECT_EQ(Run({"transcode", "run", "--", "/tmp"}).status, 126);
   EXPECT_TRUE(List().empty());

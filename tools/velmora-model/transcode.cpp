@@ -7,9 +7,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <stdexcept>
 #include <string>
@@ -29,11 +29,6 @@ void CheckLocked(const TransLoading& record) {
   if (!record.IsLockSucess()) {
     throw std::runtime_error("the transcoding record cannot be locked; syslog may say more");
   }
-}
-
-bool Exists(int pid) {
-  std::error_code ignored;
-  return std::filesystem::exists(fmt::format("/proc/{}", pid), ignored);
 }
 
 /// The name of a process's program; empty when it has just ended.
@@ -104,12 +99,19 @@ int Admit(const TranscodeOptions& options) {
 }
 
 int Add(const TranscodeOptions& options) {
-  if (!Exists(options.pid)) {
+  {
+    TransLoading record;
+    CheckLocked(record);
+    record.SaveTransPID(options.pid, options.hardware, options.offline);
+  }
+  // The next transaction drops what names no process.
+  const TransLoading record;
+  const Json::Value& entries = record.GetEntries();
+  if (std::none_of(entries.begin(), entries.end(), [&options](const Json::Value& entry) {
+        return entry["PID"].asInt() == options.pid;
+      })) {
     throw std::runtime_error(fmt::format("{}: no such process", options.pid));
   }
-  TransLoading record;
-  CheckLocked(record);
-  record.SaveTransPID(options.pid, options.hardware, options.offline);
   return kDone;
 }
 
@@ -159,15 +161,15 @@ int WaitAndHandOn(pid_t child, const sigset_t& handled) {
 }
 
 int RunCommand(const TranscodeOptions& options) {
-  // Blocked from before the registration, so that no signal ends this process while it is
-  // registered; one that came in between is handed on to the command.
   sigset_t handled;
   sigset_t before;
   sigemptyset(&handled);
-  for (const int signal : {SIGCHLD, SIGHUP, SIGINT, SIGQUIT, SIGTERM}) {
-    sigaddset(&handled, signal);
+  for (const int number : {SIGCHLD, SIGHUP, SIGINT, SIGQUIT, SIGTERM}) {
+    sigaddset(&handled, number);
   }
-  sigprocmask(SIG_BLOCK, &handled, &before);
+
+  // Whoever started this program may ignore the end of children, which is inherited.
+  static_cast<void>(signal(SIGCHLD, SIG_DFL));
 
   const int self = getpid();
   {
@@ -178,6 +180,9 @@ int RunCommand(const TranscodeOptions& options) {
                                 options.command[0], options.hardware ? "hardware" : "software"));
       return kNotStarted;
     }
+    // From here on no signal ends this process, and one that comes is handed on to the command. Not
+    // earlier, so that the wait for the record can be broken off.
+    sigprocmask(SIG_BLOCK, &handled, &before);
     record.SaveTransPID(self, options.hardware, options.offline);
   }
   const pid_t child = Start(options.command, before);
@@ -189,6 +194,8 @@ int RunCommand(const TranscodeOptions& options) {
     const int ended = WaitAndHandOn(child, handled);
     status = WIFSIGNALED(ended) ? 128 + WTERMSIG(ended) : WEXITSTATUS(ended);
   }
+  // A signal may end the process now: the next transaction would drop its entry.
+  sigprocmask(SIG_SETMASK, &before, nullptr);
   TransLoading record;
   record.RemoveTransPIDLock(self);
   return status;
