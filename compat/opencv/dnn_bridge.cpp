@@ -107,6 +107,7 @@ void Blob::updateMat(bool /*sync_data*/) const {
     pass_->Run();
   }
   mat_ = pass_->outputs[index_];
+  CV_Assert(mat_.total() >= total(1));  // one sample is there to be read
 }
 
 size_t Blob::total(int start_axis) const {
