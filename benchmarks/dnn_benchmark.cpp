@@ -6,14 +6,13 @@
 #include <benchmark/benchmark.h>
 #include <velmora/plugin/network/dnn_network.h>
 
-#include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <fstream>
 #include <opencv2/dnn.hpp>
 #include <string>
 #include <vector>
 
+#include "interleaved.h"
 #include "support/caffe_writer.h"
 
 namespace {
@@ -111,20 +110,6 @@ std::vector<OutputMap> ForwardByHand(cv::dnn::Net& net, const std::vector<cv::St
   return results;
 }
 
-template <typename Function>
-double Milliseconds(const Function& function) {
-  const auto start = std::chrono::steady_clock::now();
-  benchmark::DoNotOptimize(function());
-  const auto end = std::chrono::steady_clock::now();
-  return std::chrono::duration<double, std::milli>(end - start).count();
-}
-
-double Median(std::vector<double> values) {
-  const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-  std::nth_element(values.begin(), middle, values.end());
-  return *middle;
-}
-
 void Forward(benchmark::State& state, const NetworkConfig& config, int size) {
   DnnNetwork network(config);
   cv::dnn::Net net =
@@ -136,28 +121,15 @@ void Forward(benchmark::State& state, const NetworkConfig& config, int size) {
     state.SkipWithError("the two sides compute different values");
   }
 
-  std::vector<double> library;
-  std::vector<double> by_hand;
+  Interleaved times(2);
   for (auto _ : state) {
-    const auto run_library = [&] {
-      library.push_back(Milliseconds([&] { return network.Forward(image); }));
-    };
-    const auto run_by_hand = [&] {
-      by_hand.push_back(Milliseconds([&] { return ForwardByHand(net, names, image); }));
-    };
-    // Each side goes first every other time, because the second finds the caches warmer.
-    if (library.size() % 2 == 0) {
-      run_library();
-      run_by_hand();
-    } else {
-      run_by_hand();
-      run_library();
-    }
-    state.SetIterationTime(library.back() / 1000);
+    times.Run({[&] { benchmark::DoNotOptimize(network.Forward(image)); },
+               [&] { benchmark::DoNotOptimize(ForwardByHand(net, names, image)); }});
+    state.SetIterationTime(times.LastSeconds(0));
   }
-  state.counters["library_ms"] = Median(library);
-  state.counters["by_hand_ms"] = Median(by_hand);
-  state.counters["ratio"] = Median(library) / Median(by_hand);
+  state.counters["library_ms"] = times.Median(0) * 1e3;
+  state.counters["by_hand_ms"] = times.Median(1) * 1e3;
+  state.counters["ratio"] = times.Median(0) / times.Median(1);
 }
 
 }  // namespace

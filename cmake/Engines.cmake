@@ -10,3 +10,26 @@ else()
   set(VELMORA_OPENCV_BRIDGE bridge)
 endif()
 message(STATUS "OpenCV ${OpenCV_VERSION}: dnn API ${VELMORA_OPENCV_BRIDGE}")
+
+# The Inference Engine: an OpenVINO that the user names (OpenVINO_DIR) or has, else the one that
+# scripts/setup brings.
+option(VELMORA_INFERENCE_ENGINE "Build the Inference Engine (OpenVINO) backend" ON)
+set(VELMORA_OPENVINO_BRIDGE missing)
+if(VELMORA_INFERENCE_ENGINE)
+  find_package(OpenVINO QUIET COMPONENTS Runtime
+    PATHS ${PROJECT_SOURCE_DIR}/.deps/openvino/openvino/cmake)
+  if(NOT OpenVINO_FOUND)
+    message(FATAL_ERROR "OpenVINO was not found: run scripts/setup, or set OpenVINO_DIR, or build "
+      "without it (-DVELMORA_INFERENCE_ENGINE=OFF)")
+  endif()
+  include(CheckIncludeFileCXX)
+  set(CMAKE_REQUIRED_LIBRARIES openvino::runtime)
+  check_include_file_cxx(inference_engine.hpp VELMORA_HAS_NATIVE_INFERENCE_ENGINE)
+  unset(CMAKE_REQUIRED_LIBRARIES)
+  if(VELMORA_HAS_NATIVE_INFERENCE_ENGINE)
+    set(VELMORA_OPENVINO_BRIDGE native)
+  else()
+    set(VELMORA_OPENVINO_BRIDGE bridge)
+  endif()
+  message(STATUS "OpenVINO ${OpenVINO_VERSION}: Inference Engine API ${VELMORA_OPENVINO_BRIDGE}")
+endif()

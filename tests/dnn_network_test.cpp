@@ -1,23 +1,21 @@
 #include <gmock/gmock.h>
-#include <json/json.h>
 #include <syslog.h>
 #include <velmora/plugin/network/dnn_network.h>
 
-#include <cmath>
 #include <filesystem>
 #include <fstream>
 #include <memory>
 #include <opencv2/dnn.hpp>
 #include <opencv2/dnn/layer.hpp>
-#include <opencv2/imgcodecs.hpp>
-#include <opencv2/imgproc.hpp>
 
 #include "support/caffe_writer.h"
 #include "support/own_namespace.h"
+#include "support/sample_model.h"
 
 namespace velmora::plugin::network {
 namespace {
 
+using test::ExpectNear;
 using test::TakeSyslog;
 
 NetworkConfig Pair(const std::string& prototxt, const std::string& caffemodel,
@@ -72,72 +70,26 @@ class DnnNetworkTest : public testing::Test {
   }
 };
 
-Json::Value ReadJson(const std::string& path) {
-  Json::Value root;
-  std::ifstream(path) >> root;
-  return root;
-}
-
-std::vector<float> Floats(const Json::Value& array) {
-  std::vector<float> values;
-  for (const Json::Value& value : array) {
-    values.push_back(value.asFloat());
-  }
-  return values;
-}
-
-void ExpectNear(const std::vector<float>& expected, const std::vector<float>& actual,
-                float tolerance) {
-  ASSERT_EQ(expected.size(), actual.size());
-  for (std::size_t i = 0; i < expected.size(); ++i) {
-    ASSERT_NEAR(expected[i], actual[i], tolerance) << "value " << i;
-  }
-}
-
-/// A sample image as its model wants it: size, channel order and normalisation from model.json.
-cv::Mat Prepared(const Json::Value& model, const std::string& file) {
-  const Json::Value& image = model["image"];
-  cv::Mat pixels = cv::imread(file);
-  cv::resize(pixels, pixels, {image["width"].asInt(), image["height"].asInt()});
-  cv::cvtColor(pixels, pixels, cv::COLOR_BGR2RGB);
-  pixels.convertTo(pixels, CV_32F);
-  const std::vector<float> mean = Floats(image["mean"]);
-  const std::vector<float> scale = Floats(image["scale"]);
-  pixels.forEach<cv::Vec3f>([&](cv::Vec3f& pixel, const int*) {
-    for (int c = 0; c < 3; ++c) {
-      pixel[c] = (pixel[c] - mean[c]) * scale[c];
-    }
-  });
-  return pixels;
-}
-
 TEST_F(DnnNetworkTest, GivesTheReferenceNumbersFromBothForms) {
-  const std::string folder = VELMORA_SAMPLE_MODEL "/";
-  const Json::Value model = ReadJson(folder + "model.json");
-  const Json::Value reference = ReadJson(folder + "reference.json");
-
+  const test::SampleModel sample;
   NetworkConfig pair =
-      Pair(folder + "digits.prototxt", folder + "digits.caffemodel", {"features", "prob"});
+      Pair(sample.Path("digits.prototxt"), sample.Path("digits.caffemodel"), {"features", "prob"});
   NetworkConfig binary = pair;
-  binary.dnn_binary_path = folder + "digits-binary.caffemodel";
+  binary.dnn_binary_path = sample.Path("digits-binary.caffemodel");
   binary.dnn_prototxt_path = binary.dnn_caffemodel_path = "not looked at";
 
-  std::vector<cv::Mat> images;
-  for (const Json::Value& file : reference["images"]) {
-    images.push_back(Prepared(model, folder + file.asString()));
-  }
-  ASSERT_GE(images.size(), 100U);
+  ASSERT_GE(sample.images().size(), 100U);
   for (const NetworkConfig& config : {pair, binary}) {
     SCOPED_TRACE(config.dnn_binary_path);
     DnnNetwork network(config);
-    const std::vector<OutputMap> results = network.Forward(images);
-    ASSERT_EQ(images.size(), results.size());
-    for (unsigned i = 0; i < results.size(); ++i) {
+    const std::vector<OutputMap> results = network.Forward(sample.images());
+    ASSERT_EQ(sample.images().size(), results.size());
+    for (std::size_t i = 0; i < results.size(); ++i) {
       SCOPED_TRACE(i);
       ASSERT_EQ(2U, results[i].size());
-      ExpectNear(Floats(reference["prob"][i]), results[i].at("prob"), 1e-5F);
-      if (i < reference["features"]["values"].size()) {
-        ExpectNear(Floats(reference["features"]["values"][i]), results[i].at("features"), 1e-4F);
+      ExpectNear(sample.Prob(i), results[i].at("prob"), 1e-5F);
+      if (i < sample.features_known()) {
+        ExpectNear(sample.Features(i), results[i].at("features"), 1e-4F);
       }
     }
   }

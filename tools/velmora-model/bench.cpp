@@ -91,7 +91,7 @@ double Percentile(const std::vector<double>& sorted, double percent) {
 }  // namespace
 
 int Bench(const BenchOptions& options) {
-  const Model model = LoadModel(options.model);
+  const Model model = LoadModel(options.model, options.backend);
   Console console;
   if (!kOptimised) {
     console.Say("warning: this is not an optimised build: its times mean little");
@@ -124,6 +124,7 @@ int Bench(const BenchOptions& options) {
   Json::Value document;
   document["model"] = JsonText(model.name);
   document["engine"] = model.engine;
+  document["device"] = model.device();
   document["iterations"] = options.iterations;
   document["warmup"] = options.warmup;
   document["batch"] = options.batch;
@@ -153,7 +154,7 @@ int Bench(const BenchOptions& options) {
     values += fmt::format("{:>10.3f}", milliseconds);
   }
   Print(fmt::format("model       {}\n", OneLine(model.name)));
-  Print(fmt::format("engine      {}\n", model.engine));
+  Print(fmt::format("engine      {}, {}\n", model.engine, model.device()));
   Print(fmt::format("machine     {}, {} cores, {}\n", OneLine(machine["cpu"].asString()),
                     machine["cores"].asUInt(), machine["kernel"].asString()));
   Print(fmt::format("build       {} {}, {}{}\n", VELMORA_VERSION, VELMORA_BUILD_TYPE, kCompiler,

@@ -5,11 +5,14 @@
 #include <string>
 #include <vector>
 
+#include "model.h"
+
 namespace velmora::tool {
 
 struct RunOptions {
   std::string model;
   std::vector<std::string> images;
+  Backend backend = Backend::kDnn;
   int top = 1;
   int batch = 1;
   bool json = false;
@@ -20,9 +23,11 @@ struct RunOptions {
 struct BenchOptions {
   std::string model;
   std::vector<std::string> images;  // empty for a made-up one
+  Backend backend = Backend::kDnn;
   int iterations = 200;
   int warmup = 20;
   int batch = 1;
+  int transcode = 0;  // seconds; 0 for an ordinary benchmark
   bool json = false;
 };
 
@@ -38,6 +43,7 @@ struct TranscodeOptions {
 
 int Run(const RunOptions& options);
 int Bench(const BenchOptions& options);
+int BenchTranscode(const BenchOptions& options);
 int Transcode(const TranscodeOptions& options);
 int Status(bool json);
 

@@ -1,6 +1,7 @@
 #include "common.h"
 
 #include <fmt/format.h>
+#include <spawn.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -167,6 +168,23 @@ std::string JsonText(std::string_view text) {
     result += character.valid ? character.bytes : "\uFFFD";
   }
   return result;
+}
+
+pid_t StartProcess(std::vector<std::string> command, const sigset_t& blocked) {
+  std::vector<char*> arguments;
+  for (std::string& word : command) {
+    arguments.push_back(word.data());
+  }
+  arguments.push_back(nullptr);
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
+  posix_spawnattr_setsigmask(&attributes, &blocked);
+  pid_t child = -1;
+  const int error =
+      posix_spawnp(&child, arguments[0], nullptr, &attributes, arguments.data(), environ);
+  posix_spawnattr_destroy(&attributes);
+  return error == 0 ? child : -error;
 }
 
 void Console::Fault(std::string_view subject, std::string_view fault) {

@@ -2,10 +2,12 @@
 #pragma once
 
 #include <json/json.h>
+#include <signal.h>
 
 #include <chrono>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace velmora::tool {
 
@@ -52,6 +54,10 @@ void PrintJson(const Json::Value& document);
 
 /// The text with U+FFFD in place of each byte that is not UTF-8, which JSON cannot hold.
 std::string JsonText(std::string_view text);
+
+/// Starts a command that is found in PATH, with the given signals blocked in it. Returns its
+/// process id, or minus the error number.
+pid_t StartProcess(std::vector<std::string> command, const sigset_t& blocked);
 
 /// Standard error: faults, one line each, and a progress bar when it is a terminal.
 class Console {

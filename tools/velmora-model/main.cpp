@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <clocale>
 #include <limits>
+#include <map>
 #include <opencv2/core/utils/logger.hpp>
 
 #include "commands.h"
@@ -67,6 +68,11 @@ Without images, one made-up image of the model's size is used, the same every ti
 they are taken in turn. A run is one batch through the network; reading and preparing the images
 is not in its time. p90 is the time that 90 % of the runs did not exceed.
 "velmora-model run --help" says what MODEL.json holds.
+
+--transcode plays a video evening: 20 inferences a second for SECONDS; as long again while another
+process is registered as transcoding with hardware; then until the network is back on the GPU, or
+over the quiet minute where there is none; then SECONDS more. It prints for each phase the device and
+the latency, how long each move from one device to the other took, and how many requests were lost.
 )";
 
 constexpr char kBenchExamples[] = R"(Examples:
@@ -158,6 +164,14 @@ int RunProgram(std::vector<std::string> arguments) {
   };
   add(run_command, "MODEL.json", &run.model, "", "Description of the model")->required();
   add(run_command, "IMAGE|FOLDER", &run.images, "", "Images to recognise")->required();
+  const auto add_backend = [](CLI::App* command, Backend* backend) {
+    static const std::map<std::string, Backend> kBackends = {{"dnn", Backend::kDnn},
+                                                             {"ie", Backend::kIe}};
+    command->add_option("--backend", *backend, "Engine: dnn (OpenCV) or ie (OpenVINO) [dnn]")
+        ->type_name("NAME")
+        ->transform(CLI::CheckedTransformer(kBackends).description(""));
+  };
+  add_backend(run_command, &run.backend);
   add(run_command, "--top", &run.top, "K", "Answers to show for an image, best first [1]")
       ->check(Between(1, 1'000'000));
   add(run_command, "--batch", &run.batch, "N", "Images given to the network at a time [1]")
@@ -172,6 +186,10 @@ int RunProgram(std::vector<std::string> arguments) {
   CLI::App* const bench_command = app.add_subcommand("bench", "Measure a model's speed");
   add(bench_command, "MODEL.json", &bench.model, "", "Description of the model")->required();
   add(bench_command, "IMAGE|FOLDER", &bench.images, "", "Images to run");
+  add_backend(bench_command, &bench.backend);
+  add(bench_command, "--transcode", &bench.transcode, "SECONDS",
+      "Play a video evening instead: see below")
+      ->check(Between(1, 3600));
   add(bench_command, "--iterations", &bench.iterations, "N", "Runs to measure [200]")
       ->check(Between(1, 1'000'000));
   add(bench_command, "--warmup", &bench.warmup, "N", "Runs before those, not measured [20]")
@@ -212,7 +230,7 @@ int RunProgram(std::vector<std::string> arguments) {
     return Run(run);
   }
   if (bench_command->parsed()) {
-    return Bench(bench);
+    return bench.transcode > 0 ? BenchTranscode(bench) : Bench(bench);
   }
   return status_command->parsed() ? Status(status_json) : Transcode(transcode);
 }

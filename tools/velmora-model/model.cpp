@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 #include <json/json.h>
 #include <velmora/plugin/network/dnn_network.h>
+#include <velmora/plugin/network/ie_network.h>
 
 #include <chrono>
 #include <cmath>
@@ -206,20 +207,31 @@ Model ReadDescription(const std::string& path) {
   return model;
 }
 
-/// The one place that knows which backend runs a model.
-void MakeNetwork(Model* model) {
-  const NetworkConfig& config = model->config;
-  if (!config.enable_dnn) {
-    throw std::runtime_error("network.enable_dnn is not true, and there is no other engine here");
-  }
-  std::vector<std::string> paths = {config.dnn_binary_path};
-  if (config.dnn_binary_path.empty()) {
-    paths = {config.dnn_prototxt_path, config.dnn_caffemodel_path};
-    if (paths[0].empty() || paths[1].empty()) {
-      throw std::runtime_error(
-          "network needs dnn_binary_path, or dnn_prototxt_path and dnn_caffemodel_path");
+/// What a backend needs of a description: files, each group of which has to be there whole.
+std::vector<std::string> FilesOf(const NetworkConfig& config, Backend backend) {
+  if (backend == Backend::kIe) {
+    if (config.ie_cpu_xml_path.empty() || config.ie_cpu_bin_path.empty()) {
+      throw std::runtime_error("network needs ie_cpu_xml_path and ie_cpu_bin_path");
     }
+    return {config.ie_cpu_xml_path, config.ie_cpu_bin_path};
   }
+  if (!config.enable_dnn) {
+    throw std::runtime_error("network.enable_dnn is not true: name another engine by --backend");
+  }
+  if (!config.dnn_binary_path.empty()) {
+    return {config.dnn_binary_path};
+  }
+  if (config.dnn_prototxt_path.empty() || config.dnn_caffemodel_path.empty()) {
+    throw std::runtime_error(
+        "network needs dnn_binary_path, or dnn_prototxt_path and dnn_caffemodel_path");
+  }
+  return {config.dnn_prototxt_path, config.dnn_caffemodel_path};
+}
+
+/// The one place that knows the backends.
+void MakeNetwork(Backend backend, Model* model) {
+  const NetworkConfig& config = model->config;
+  const std::vector<std::string> paths = FilesOf(config, backend);
   std::string at_fault;
   try {
     for (const std::string& path : paths) {
@@ -227,11 +239,18 @@ void MakeNetwork(Model* model) {
       CheckReadable(path);
     }
     at_fault = fmt::format("{}", fmt::join(paths, ", "));
-    model->network = std::make_unique<plugin::network::DnnNetwork>(config);
+    if (backend == Backend::kIe) {
+      auto network = std::make_unique<plugin::network::IeNetwork>(config);
+      model->engine = fmt::format("Inference Engine (OpenVINO {})", VELMORA_OPENVINO_VERSION);
+      model->device = [network = network.get()] { return network->GetDevice(); };
+      model->network = std::move(network);
+    } else {
+      model->network = std::make_unique<plugin::network::DnnNetwork>(config);
+      model->engine = fmt::format("OpenCV dnn {}", cv::getVersionString());
+    }
   } catch (...) {
     throw std::runtime_error(at_fault + ": " + CurrentFault());
   }
-  model->engine = fmt::format("OpenCV dnn {}", cv::getVersionString());
 }
 
 /// Whether a network fits its description shows only when it runs: once here, and not as the same
@@ -252,10 +271,10 @@ void TryNetwork(Model* model) {
 
 }  // namespace
 
-Model LoadModel(const std::string& path) {
+Model LoadModel(const std::string& path, Backend backend) {
   try {
     Model model = ReadDescription(path);
-    MakeNetwork(&model);
+    MakeNetwork(backend, &model);
     TryNetwork(&model);
     return model;
   } catch (...) {
@@ -267,7 +286,8 @@ std::vector<std::vector<float>> Forward(const Model& model, const std::vector<cv
                                         double* seconds) {
   std::vector<plugin::network::OutputMap> outputs;
   const auto start = std::chrono::steady_clock::now();
-  if (images.size() == 1) {
+  // With a batch size above 1, one image alone would come back as a whole batch.
+  if (images.size() == 1 && model.config.batch_size <= 1) {
     outputs.push_back(model.network->Forward(images[0]));
   } else {
     outputs = model.network->Forward(images);

@@ -3,6 +3,7 @@
 
 #include <velmora/plugin/network/base_network.h>
 
+#include <functional>
 #include <memory>
 #include <opencv2/core.hpp>
 #include <stdexcept>
@@ -16,6 +17,8 @@ struct ModelError : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+enum class Backend { kDnn, kIe };
+
 enum class Channels { kRgb, kBgr, kGray };
 
 struct Model {
@@ -28,12 +31,13 @@ struct Model {
   std::vector<std::string> labels;  // "0", "1", … when the description has none
 
   std::unique_ptr<plugin::network::BaseNetwork> network;
-  std::string engine;  // name and version
+  std::string engine;                                          // name and version
+  std::function<std::string()> device = [] { return "CPU"; };  // that the network is on now
 };
 
 /// Throws ModelError when the description or the network cannot be loaded, and when the network
 /// does not run on an image as described or gives another number of values than there are labels.
-Model LoadModel(const std::string& path);
+Model LoadModel(const std::string& path, Backend backend);
 
 /// The probabilities of the labels, for each of the images, which are prepared ones; `*seconds` is
 /// the time of the network alone. Passes on what the engine throws.

@@ -181,7 +181,7 @@ void Annotate(const Result& result, Annotator* annotator, Console* console) {
 }  // namespace
 
 int Run(const RunOptions& options) {
-  const Model model = LoadModel(options.model);
+  const Model model = LoadModel(options.model, options.backend);
   Console console;
   const std::vector<std::string> images = ListImages(options.images, &console);
   const auto truth = FindTruth(images, options.truth, model.labels, &console);
@@ -198,6 +198,7 @@ int Run(const RunOptions& options) {
   Json::Value document;
   document["model"] = JsonText(model.name);
   document["engine"] = model.engine;
+  document["device"] = model.device();
   document["images"] = Json::arrayValue;
   std::size_t known = 0;
   std::size_t right = 0;

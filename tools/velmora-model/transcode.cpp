@@ -3,9 +3,9 @@
 #include <reelhouse/platform_utils.h>
 #include <reelhouse/trans_loading.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <velmora-plugin-platform/platform.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -13,7 +13,6 @@
 #include <fstream>
 #include <stdexcept>
 #include <string>
-#include <vector>
 
 #include "commands.h"
 #include "common.h"
@@ -122,25 +121,6 @@ int Remove(const TranscodeOptions& options) {
   return kDone;
 }
 
-/// Starts a command that is found in PATH. Returns its process id, or minus the error number.
-pid_t Start(const std::vector<std::string>& command, const sigset_t& signals) {
-  std::vector<std::string> words = command;
-  std::vector<char*> arguments;
-  for (std::string& word : words) {
-    arguments.push_back(word.data());
-  }
-  arguments.push_back(nullptr);
-  posix_spawnattr_t attributes;
-  posix_spawnattr_init(&attributes);
-  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
-  posix_spawnattr_setsigmask(&attributes, &signals);
-  pid_t child = -1;
-  const int error =
-      posix_spawnp(&child, arguments[0], nullptr, &attributes, arguments.data(), environ);
-  posix_spawnattr_destroy(&attributes);
-  return error == 0 ? child : -error;
-}
-
 /// Waits for the end of a child and hands on to it the signals that ask this process to end, which
 /// are in `handled` with SIGCHLD and blocked. Returns the status as of waitpid().
 int WaitAndHandOn(pid_t child, const sigset_t& handled) {
@@ -185,7 +165,7 @@ int RunCommand(const TranscodeOptions& options) {
     sigprocmask(SIG_BLOCK, &handled, &before);
     record.SaveTransPID(self, options.hardware, options.offline);
   }
-  const pid_t child = Start(options.command, before);
+  const pid_t child = StartProcess(options.command, before);
   int status = 0;
   if (child < 0) {
     Console().Say(fmt::format("{}: {}", options.command[0], std::strerror(-child)));
@@ -241,6 +221,16 @@ int Status(bool json) {
   can["omx"] = machine.IsSupportOMX();
   can["gstreamer"] = machine.IsSupportGstreamer();
   can["forced_ffmpeg"] = LibReelhouse::ForceFFmpegTranscoding();
+  const bool inference_engine = plugin::platform::IsSupportedIENetwork();
+  Json::Value& engines = document["engines"];
+  engines["OpenCV dnn"].append("CPU");
+  engines["Inference Engine"] = Json::arrayValue;
+  if (inference_engine) {
+    engines["Inference Engine"].append("CPU");
+    if (plugin::platform::IsSupportedIENetworkGpu()) {
+      engines["Inference Engine"].append("GPU");
+    }
+  }
   bool locked = false;
   {
     const TransLoading record;
@@ -263,6 +253,13 @@ int Status(bool json) {
     Print(fmt::format("acceleration  VA-API: {}, OMX: {}, GStreamer: {}, switched on: {}\n",
                       YesNo(can["vaapi"].asBool()), YesNo(can["omx"].asBool()),
                       YesNo(can["gstreamer"].asBool()), YesNo(can["hardware_setting"].asBool())));
+    for (const std::string& engine : engines.getMemberNames()) {
+      std::string devices;
+      for (const Json::Value& device : engines[engine]) {
+        devices += " " + device.asString();
+      }
+      Print(fmt::format("{:<18}{}\n", engine, devices.empty() ? " not supported" : devices));
+    }
     Print(fmt::format("limits        software: {}, hardware: {}\n\n",
                       document["limits"]["software"].asUInt(),
                       document["limits"]["hardware"].asUInt()));

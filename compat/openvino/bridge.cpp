@@ -1,0 +1,247 @@
+
+#include <cstring>
+#include <filesystem>
+#include <inference_engine.hpp>
+#include <openvino/openvino.hpp>
+#include <set>
+#include <system_error>
+#include <utility>
+
+#include "network/log.h"
+
+namespace InferenceEngine {
+
+namespace {
+
+/// A port of a network: where it is in the engine's own order, and what else it is called.
+template <typename Info>
+struct Port {
+  std::size_t index;
+  std::shared_ptr<Info> info;
+};
+
+using Inputs = std::map<std::string, Port<InputInfo>>;
+using Outputs = std::map<std::string, Port<Data>>;
+using Aliases = std::map<std::string, std::string>;
+
+/// What a port is called, and by what other names it may be asked for.
+struct Names {
+  Inputs inputs;
+  Outputs outputs;
+  Aliases tensor_names;
+};
+
+Names NamesOf(const ov::Model& model) {
+  Names names;
+  for (std::size_t i = 0; i < model.inputs().size(); ++i) {
+    const std::string name = model.input(i).get_node()->get_friendly_name();
+    names.inputs[name] = {i, std::make_shared<InputInfo>()};
+    for (const std::string& alias : model.input(i).get_names()) {
+      names.tensor_names.emplace(alias, name);
+    }
+  }
+  for (std::size_t i = 0; i < model.outputs().size(); ++i) {
+    const ov::Output<ov::Node> source = model.output(i).get_node()->input_value(0);
+    std::string name = source.get_node()->get_friendly_name();
+    if (source.get_node()->get_output_size() > 1) {
+      name += "." + std::to_string(source.get_index());
+    }
+    names.outputs[name] = {i, std::make_shared<Data>()};
+    for (const std::string& alias : model.output(i).get_names()) {
+      names.tensor_names.emplace(alias, name);
+    }
+  }
+  return names;
+}
+
+}  // namespace
+
+struct CNNNetwork::Impl {
+  std::shared_ptr<ov::Model> model;
+  Names names;
+};
+
+struct ExecutableNetwork::Impl {
+  ov::CompiledModel model;
+  Names names;
+};
+
+struct InferRequest::Impl {
+  std::shared_ptr<ExecutableNetwork::Impl> network;
+  ov::InferRequest request;
+};
+
+struct Core::Impl {
+  ov::Core core;
+  std::string cache;  // its folder; empty when there is none
+};
+
+namespace {
+
+/// Files with something in them: on a full disk the engine leaves empty ones.
+std::set<std::string> FilesIn(const std::string& folder) {
+  std::set<std::string> files;
+  std::error_code error;
+  for (std::filesystem::directory_iterator file(folder, error), end; !error && file != end;
+       file.increment(error)) {
+    if (file->file_size(error) > 0 && !error) {
+      files.insert(file->path().filename());
+    }
+    error.clear();
+  }
+  return files;
+}
+
+void LogNoCache(const std::string& folder, const char* why) {
+  velmora::plugin::network::LogInfo("[IeNetwork] No model cache: {}: {}", folder, why);
+}
+
+}  // namespace
+
+std::size_t Blob::size() const {
+  std::size_t size = 1;
+  for (const std::size_t dim : desc_.getDims()) {
+    size *= dim;
+  }
+  return size;
+}
+
+Blob::Ptr InferRequest::GetBlob(const std::string& name) {
+  const Names& names = impl_->network->names;
+  const auto find = [&](const std::string& layer) {
+    ov::Tensor tensor;
+    if (const auto input = names.inputs.find(layer); input != names.inputs.end()) {
+      tensor = impl_->request.get_input_tensor(input->second.index);
+    } else if (const auto output = names.outputs.find(layer); output != names.outputs.end()) {
+      tensor = impl_->request.get_output_tensor(output->second.index);
+    }
+    return tensor;
+  };
+  ov::Tensor tensor = find(name);
+  if (!tensor) {
+    const auto alias = names.tensor_names.find(name);
+    if (alias == names.tensor_names.end()) {
+      throw Exception("Failed to find input or output with name: '" + name + "'");
+    }
+    tensor = find(alias->second);
+  }
+  return std::make_shared<MemoryBlob>(tensor.data(), tensor.get_shape());
+}
+
+void InferRequest::Infer() { impl_->request.infer(); }
+
+void InferRequest::StartAsync() { impl_->request.start_async(); }
+
+void InferRequest::Wait(std::int64_t /*mode*/) { impl_->request.wait(); }
+
+InferRequest ExecutableNetwork::CreateInferRequest() {
+  ov::InferRequest request = impl_->model.create_infer_request();
+  // Inputs that nobody feeds have a value all the same, and the same one every time.
+  for (const auto& [name, port] : impl_->names.inputs) {
+    ov::Tensor tensor = request.get_input_tensor(port.index);
+    std::memset(tensor.data(), 0, tensor.get_byte_size());
+  }
+  return InferRequest(
+      std::make_shared<InferRequest::Impl>(InferRequest::Impl{impl_, std::move(request)}));
+}
+
+void CNNNetwork::setBatchSize(std::size_t size) {
+  InputShapes shapes = getInputShapes();
+  for (auto& [name, shape] : shapes) {
+    if (!shape.empty()) {
+      shape[0] = size;
+    }
+  }
+  reshape(shapes);
+}
+
+CNNNetwork::InputShapes CNNNetwork::getInputShapes() const {
+  InputShapes shapes;
+  for (const auto& [name, port] : impl_->names.inputs) {
+    // A dimension that the model leaves open counts as 1 until it is set.
+    const ov::PartialShape shape = impl_->model->input(port.index).get_partial_shape();
+    for (const ov::Dimension& dim : shape) {
+      shapes[name].push_back(dim.is_static() ? static_cast<std::size_t>(dim.get_length()) : 1);
+    }
+  }
+  return shapes;
+}
+
+void CNNNetwork::reshape(const InputShapes& shapes) {
+  std::map<std::size_t, ov::PartialShape> ports;
+  for (const auto& [name, shape] : shapes) {
+    ports[impl_->names.inputs.at(name).index] = ov::Shape(shape);
+  }
+  impl_->model->reshape(ports);
+}
+
+InputsDataMap CNNNetwork::getInputsInfo() const {
+  InputsDataMap infos;
+  for (const auto& [name, port] : impl_->names.inputs) {
+    infos[name] = port.info;
+  }
+  return infos;
+}
+
+OutputsDataMap CNNNetwork::getOutputsInfo() const {
+  OutputsDataMap infos;
+  for (const auto& [name, port] : impl_->names.outputs) {
+    infos[name] = port.info;
+  }
+  return infos;
+}
+
+Core::Core(const std::string& xml_config_file)
+    : impl_(std::make_shared<Impl>(Impl{ov::Core(xml_config_file), {}})) {}
+
+void Core::SetConfig(const std::map<std::string, std::string>& config,
+                     const std::string& /*device*/) {
+  const std::string& folder = config.at("CACHE_DIR");
+  try {
+    impl_->core.set_property(ov::cache_dir(folder));
+    impl_->cache = folder;
+  } catch (const std::exception&) {
+    impl_->core.set_property(ov::cache_dir(""));
+    LogNoCache(folder, "the folder cannot be made");
+  }
+}
+
+CNNNetwork Core::ReadNetwork(const std::string& model_path, const std::string& weights_path) {
+  auto network = std::make_shared<CNNNetwork::Impl>();
+  network->model = impl_->core.read_model(model_path, weights_path);
+  network->names = NamesOf(*network->model);
+  return CNNNetwork(std::move(network));
+}
+
+ExecutableNetwork Core::LoadNetwork(const CNNNetwork& network, const std::string& device,
+                                    const std::map<std::string, std::string>& /*config*/) {
+  const Names& names = network.impl_->names;
+  ov::preprocess::PrePostProcessor conversion(network.impl_->model);
+  for (const auto& [name, port] : names.inputs) {
+    if (port.info->getPrecision() == Precision::FP32) {
+      conversion.input(port.index).tensor().set_element_type(ov::element::f32);
+    }
+  }
+  for (const auto& [name, port] : names.outputs) {
+    if (port.info->getPrecision() == Precision::FP32) {
+      conversion.output(port.index).tensor().set_element_type(ov::element::f32);
+    }
+  }
+  ov::AnyMap properties;
+  if (device == "CPU") {
+    properties.insert(ov::hint::inference_precision(ov::element::f32));
+  }
+  const std::set<std::string> cached = FilesIn(impl_->cache);
+  const ov::CompiledModel compiled =
+      impl_->core.compile_model(conversion.build(), device, properties);
+  // A model that neither came from the cache nor went into it: what is there is damaged, or nothing
+  // can be written there. The engine itself says nothing.
+  if (!impl_->cache.empty() && !compiled.get_property(ov::loaded_from_cache) &&
+      FilesIn(impl_->cache) == cached) {
+    LogNoCache(impl_->cache, "the folder is full or read-only, or a file in it is damaged");
+  }
+  return ExecutableNetwork(
+      std::make_shared<ExecutableNetwork::Impl>(ExecutableNetwork::Impl{compiled, names}));
+}
+
+}  // namespace InferenceEngine

@@ -1,0 +1,179 @@
+// The Inference Engine API of 2021, over OpenVINO's API 2.0 (2024.3 and later, whose packages no
+// longer have the old one). Only the names that src/network/ uses. Where the real headers are, from
+// 2021.x to 2023.3, this one is not compiled.
+//
+// What the old API promises and the new one does not is kept here:
+//   - an input is named by its layer, an output by the layer that produces it, with ".N" behind the
+//     name when that layer has several outputs; a tensor name of the model is accepted too where no
+//     layer has the name;
+//   - inputs and outputs come in maps, sorted by name;
+//   - the batch size is set on every input;
+//   - a blob's memory is the engine's own, and is written and read in place.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace InferenceEngine {
+
+using SizeVector = std::vector<std::size_t>;
+
+/// What this API itself reports; exceptions of the engine come as they are.
+class Exception : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+enum Layout : std::uint8_t { NCHW = 1 };
+
+class Precision {
+ public:
+  enum ePrecision : std::uint8_t { UNSPECIFIED = 255, FP32 = 10 };
+  Precision(ePrecision value = UNSPECIFIED) : value_(value) {}  // NOLINT: converts, as in 2021
+  operator ePrecision() const { return value_; }
+
+ private:
+  ePrecision value_;
+};
+
+/// An output.
+class Data {
+ public:
+  void setPrecision(const Precision& precision) { precision_ = precision; }
+  Precision getPrecision() const { return precision_; }
+
+ private:
+  Precision precision_;
+};
+using DataPtr = std::shared_ptr<Data>;
+using OutputsDataMap = std::map<std::string, DataPtr>;
+
+class InputInfo {
+ public:
+  using Ptr = std::shared_ptr<InputInfo>;
+  void setPrecision(Precision precision) { precision_ = precision; }
+  Precision getPrecision() const { return precision_; }
+  /// The only layout there is here, and the one that a model has.
+  void setLayout(Layout /*layout*/) {}
+
+ private:
+  Precision precision_;
+};
+using InputsDataMap = std::map<std::string, InputInfo::Ptr>;
+
+class TensorDesc {
+ public:
+  explicit TensorDesc(SizeVector dims) : dims_(std::move(dims)) {}
+  const SizeVector& getDims() const { return dims_; }
+
+ private:
+  SizeVector dims_;
+};
+
+template <typename T>
+class LockedMemory {
+ public:
+  explicit LockedMemory(void* data) : data_(data) {}
+  template <typename S>
+  S as() const {
+    return static_cast<S>(data_);
+  }
+
+ private:
+  void* data_;
+};
+
+class Blob {
+ public:
+  using Ptr = std::shared_ptr<Blob>;
+  Blob(void* data, SizeVector dims) : data_(data), desc_(std::move(dims)) {}
+  virtual ~Blob() = default;
+  const TensorDesc& getTensorDesc() const { return desc_; }
+  std::size_t size() const;
+  LockedMemory<void> buffer() const { return LockedMemory<void>(data_); }
+
+ protected:
+  void* data_;
+
+ private:
+  TensorDesc desc_;
+};
+
+/// Every blob here is one.
+class MemoryBlob : public Blob {
+ public:
+  using Ptr = std::shared_ptr<MemoryBlob>;
+  using Blob::Blob;
+  LockedMemory<void> wmap() const { return LockedMemory<void>(data_); }
+};
+
+class InferRequest {
+ public:
+  enum WaitMode : std::int64_t { RESULT_READY = -1 };
+
+  struct Impl;
+  InferRequest() = default;
+  explicit InferRequest(std::shared_ptr<Impl> impl) : impl_(std::move(impl)) {}
+
+  /// The blob is valid until the next inference.
+  Blob::Ptr GetBlob(const std::string& name);
+  void Infer();
+  void StartAsync();
+  void Wait(std::int64_t mode);
+
+ private:
+  std::shared_ptr<Impl> impl_;
+};
+
+class ExecutableNetwork {
+ public:
+  struct Impl;
+  explicit ExecutableNetwork(std::shared_ptr<Impl> impl) : impl_(std::move(impl)) {}
+  InferRequest CreateInferRequest();
+
+ private:
+  std::shared_ptr<Impl> impl_;
+};
+
+class CNNNetwork {
+ public:
+  using InputShapes = std::map<std::string, SizeVector>;
+
+  struct Impl;
+  explicit CNNNetwork(std::shared_ptr<Impl> impl) : impl_(std::move(impl)) {}
+  void setBatchSize(std::size_t size);
+  InputShapes getInputShapes() const;
+  void reshape(const InputShapes& shapes);
+  InputsDataMap getInputsInfo() const;
+  OutputsDataMap getOutputsInfo() const;
+
+ private:
+  friend class Core;
+  std::shared_ptr<Impl> impl_;
+};
+
+class Core {
+ public:
+  struct Impl;
+  explicit Core(const std::string& xml_config_file);
+
+  /// Takes "CACHE_DIR". A folder that cannot be used is left out, with a line in the log: a cache
+  /// makes loading faster and must not keep it from working.
+  void SetConfig(const std::map<std::string, std::string>& config, const std::string& device);
+  CNNNetwork ReadNetwork(const std::string& model_path, const std::string& weights_path);
+
+  /// On the CPU a network computes in 32-bit floats, as it did in 2021: today's engine would take
+  /// 16 bits where the processor has them.
+  ExecutableNetwork LoadNetwork(const CNNNetwork& network, const std::string& device,
+                                const std::map<std::string, std::string>& config);
+
+ private:
+  std::shared_ptr<Impl> impl_;
+};
+
+}  // namespace InferenceEngine

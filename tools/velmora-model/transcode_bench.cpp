@@ -1,0 +1,234 @@
+#include <fmt/format.h>
+#include <json/json.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <velmora-plugin-platform/platform.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <stdexcept>
+#include <thread>
+
+#include "commands.h"
+#include "common.h"
+#include "images.h"
+#include "model.h"
+
+namespace velmora::tool {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::milliseconds kInterval(50);  // 20 requests a second
+constexpr std::chrono::seconds kQuietMinute(60);
+
+/// A process that is registered as transcoding with hardware for as long as the object lives.
+class Transcoder {
+ public:
+  Transcoder() {
+    sigset_t none;
+    sigemptyset(&none);
+    process_ = StartProcess({"sleep", "infinity"}, none);
+    if (process_ < 0) {
+      throw std::runtime_error(fmt::format("sleep: {}", std::strerror(-process_)));
+    }
+    const pid_t registering = StartProcess(
+        {"/proc/self/exe", "transcode", "add", std::to_string(process_), "--hardware"}, none);
+    int status = 0;
+    if (registering < 0 || waitpid(registering, &status, 0) != registering || status != 0) {
+      End();
+      throw std::runtime_error("the transcode could not be registered");
+    }
+  }
+  Transcoder(const Transcoder&) = delete;
+  Transcoder& operator=(const Transcoder&) = delete;
+  ~Transcoder() { End(); }
+
+ private:
+  void End() const {
+    kill(process_, SIGKILL);
+    waitpid(process_, nullptr, 0);
+  }
+
+  pid_t process_ = -1;
+};
+
+struct Sample {
+  double seconds = 0;  // since the start
+  double milliseconds = 0;
+  std::string device;
+};
+
+struct Phase {
+  std::string name;
+  std::vector<Sample> samples;
+};
+
+struct Switch {
+  std::string from;
+  std::string to;
+  double milliseconds = 0;  // of the request that waited for it
+};
+
+/// The evening as it goes on.
+class Evening {
+ public:
+  Evening(const Model& model, cv::Mat image, std::size_t expected_requests)
+      : model_(model), image_(std::move(image)), expected_(expected_requests) {}
+
+  /// Sends requests at the steady rate until `done` says so.
+  template <typename Done>
+  void Play(const std::string& name, Done done) {
+    phases_.push_back({name, {}});
+    const Clock::time_point begin = Clock::now();
+    for (Clock::time_point next = begin; !done(Clock::now() - begin); next += kInterval) {
+      // A request that a switch has made late is sent at once, and so are those behind it.
+      std::this_thread::sleep_until(next);
+      Request();
+    }
+  }
+
+  bool on_gpu() const { return model_.device() == "GPU"; }
+  const std::vector<Phase>& phases() const { return phases_; }
+  const std::vector<Switch>& switches() const { return switches_; }
+  int lost() const { return lost_; }
+  void Finish() { console_.ClearProgress(); }
+
+ private:
+  void Request() {
+    const std::string before = model_.device();
+    const Clock::time_point sent = Clock::now();
+    try {
+      double ignored = 0;
+      Forward(model_, {image_}, &ignored);
+    } catch (...) {
+      ++lost_;
+      console_.Fault("a request was lost", CurrentFault());
+    }
+    const std::chrono::duration<double, std::milli> latency = Clock::now() - sent;
+    const std::chrono::duration<double> time = sent - start_;
+    phases_.back().samples.push_back({time.count(), latency.count(), model_.device()});
+    if (model_.device() != before) {
+      switches_.push_back({before, model_.device(), latency.count()});
+    }
+    console_.ShowProgress(std::min(++requests_, expected_), expected_);
+  }
+
+  const Model& model_;
+  cv::Mat image_;
+  std::size_t expected_;
+  std::size_t requests_ = 0;
+  Clock::time_point start_ = Clock::now();
+  std::vector<Phase> phases_;
+  std::vector<Switch> switches_;
+  int lost_ = 0;
+  Console console_;
+};
+
+double Percentile(const std::vector<Sample>& samples, double percent) {
+  std::vector<double> latencies;
+  for (const Sample& sample : samples) {
+    latencies.push_back(sample.milliseconds);
+  }
+  std::sort(latencies.begin(), latencies.end());
+  const auto rank = static_cast<std::size_t>(percent / 100 * static_cast<double>(latencies.size()));
+  return latencies[std::min(rank, latencies.size() - 1)];
+}
+
+std::string DevicesOf(const Phase& phase) {
+  std::string devices;
+  for (const Sample& sample : phase.samples) {
+    if (!devices.ends_with(sample.device)) {
+      devices += (devices.empty() ? "" : ", then ") + sample.device;
+    }
+  }
+  return devices;
+}
+
+Json::Value ToJson(const Evening& evening, const Model& model) {
+  Json::Value document;
+  document["model"] = JsonText(model.name);
+  document["engine"] = model.engine;
+  document["gpu"] = plugin::platform::IsSupportedIENetworkGpu();
+  document["lost"] = evening.lost();
+  document["switches"] = Json::arrayValue;
+  for (const Switch& change : evening.switches()) {
+    Json::Value& entry = document["switches"].append(Json::objectValue);
+    entry["from"] = change.from;
+    entry["to"] = change.to;
+    entry["gap_ms"] = change.milliseconds;
+  }
+  for (const Phase& phase : evening.phases()) {
+    Json::Value& entry = document["phases"].append(Json::objectValue);
+    entry["phase"] = phase.name;
+    entry["devices"] = DevicesOf(phase);
+    for (const int percent : {50, 90, 99, 100}) {
+      entry["latency_ms"][percent == 100 ? "max" : fmt::format("p{}", percent)] =
+          Percentile(phase.samples, percent);
+    }
+    for (const Sample& sample : phase.samples) {
+      Json::Value& point = entry["requests"].append(Json::objectValue);
+      point["s"] = sample.seconds;
+      point["ms"] = sample.milliseconds;
+      point["device"] = sample.device;
+    }
+  }
+  return document;
+}
+
+void PrintTable(const Evening& evening) {
+  Print(fmt::format("{:<12}  {:<14}  {:>8}  {:>8}  {:>8}  {:>8}  {:>8}\n", "phase", "device",
+                    "requests", "p50 (ms)", "p90", "p99", "max"));
+  for (const Phase& phase : evening.phases()) {
+    Print(fmt::format("{:<12}  {:<14}  {:>8}  {:>8.3f}  {:>8.3f}  {:>8.3f}  {:>8.3f}\n", phase.name,
+                      DevicesOf(phase), phase.samples.size(), Percentile(phase.samples, 50),
+                      Percentile(phase.samples, 90), Percentile(phase.samples, 99),
+                      Percentile(phase.samples, 100)));
+  }
+  Print("\n");
+  for (const Switch& change : evening.switches()) {
+    Print(fmt::format("switch from {} to {}: the request took {:.1f} ms\n", change.from, change.to,
+                      change.milliseconds));
+  }
+  Print(fmt::format("requests lost: {}\n", evening.lost()));
+}
+
+}  // namespace
+
+int BenchTranscode(const BenchOptions& options) {
+  const Model model = LoadModel(options.model, options.backend);
+  Console console;
+  cv::Mat noise(model.size, model.channels == Channels::kGray ? CV_8UC1 : CV_8UC3);
+  cv::RNG(1).fill(noise, cv::RNG::UNIFORM, 0, 256);
+  const bool may_move = model.network->ShouldExitAfterShutdown();
+  if (!may_move) {
+    console.Say("no GPU for this network here: the evening is played on the CPU");
+  }
+
+  const std::chrono::seconds length(options.transcode);
+  const auto for_length = [length](Clock::duration played) { return played >= length; };
+  Evening evening(model, Prepare(noise, model),
+                  static_cast<std::size_t>((3 * length + kQuietMinute) / kInterval));
+  evening.Play("before", for_length);
+  {
+    const Transcoder transcoder;
+    evening.Play("transcoding", for_length);
+  }
+  evening.Play("quiet", [&](Clock::duration played) {
+    return may_move ? evening.on_gpu() || played >= 2 * kQuietMinute : played >= kQuietMinute;
+  });
+  evening.Play("after", for_length);
+  evening.Finish();
+
+  if (options.json) {
+    PrintJson(ToJson(evening, model));
+  } else {
+    PrintTable(evening);
+  }
+  return evening.lost() == 0 ? kDone : kNotAllDone;
+}
+
+}  // namespace velmora::tool
