@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "interleaved.h"
+#include "scratch_folder.h"
 #include "support/caffe_writer.h"
 
 namespace {
@@ -139,6 +140,7 @@ int main(int argc, char** argv) {
 #ifndef __OPTIMIZE__
   std::fputs("warning: not an optimised build, the figures mean nothing\n", stderr);
 #endif
+  const ScratchFolder folder;
   benchmark::AddCustomContext("opencv", cv::getVersionString());
   benchmark::AddCustomContext("opencv threads", std::to_string(cv::getNumThreads()));
   benchmark::RegisterBenchmark(

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 #include "support/own_namespace.h"
 #include "support/subprocess.h"
@@ -115,6 +116,35 @@ TEST_F(TranscodeProgram, StatusTellsWhatTheMachineCanDo) {
   EXPECT_EQ(unlocked.error,
             "velmora-model: the transcoding record cannot be locked; syslog may say more\n");
   EXPECT_NE(unlocked.output.find("platform      evansport"), std::string::npos);
+}
+
+TEST_F(TranscodeProgram, SlowBenchLosesNoRequestWhileTheGpuGoesAndComesBack) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "the engine is loaded in a way that this sanitizer does not allow";
+#endif
+  ASSERT_TRUE(PlaceFile("/var/packages/Velmora/target/models/.keep", ""));
+  std::jthread reader([](const std::stop_token& stop) {  // or the log fills up
+    while (!stop.stop_requested()) {
+      velmora::test::TakeSyslog();
+      usleep(10'000);
+    }
+  });
+  const Finished finished = RunProcess({"/usr/bin/env", "LD_LIBRARY_PATH=" VELMORA_STAND_INS,
+                                        "VELMORA_TEST_PLATFORM=ie gpu", VELMORA_MODEL_PROGRAM,
+                                        "bench", VELMORA_SAMPLE_MODEL "/model.json", "--backend",
+                                        "ie", "--transcode", "1", "--json"});
+  ASSERT_EQ(finished.status, 0) << finished.error;
+  Json::Value evening;
+  std::istringstream(finished.output) >> evening;
+  EXPECT_EQ(evening["lost"].asInt(), 0);
+  std::string phases;
+  for (const Json::Value& phase : evening["phases"]) {
+    phases += phase["phase"].asString() + ": " + phase["devices"].asString() + "\n";
+    EXPECT_GE(phase["requests"].size(), 19u);
+  }
+  EXPECT_EQ(phases, "before: GPU\ntranscoding: CPU\nquiet: CPU, then GPU\nafter: GPU\n");
+  ASSERT_EQ(evening["switches"].size(), 2u);
+  EXPECT_GE(evening["phases"][2]["requests"].size(), 20u * 59);
 }
 
 }  // namespace

@@ -1,4 +1,3 @@
-
 #include <cstring>
 #include <filesystem>
 #include <inference_engine.hpp>
@@ -125,7 +124,7 @@ Blob::Ptr InferRequest::GetBlob(const std::string& name) {
     }
     tensor = find(alias->second);
   }
-  return std::make_shared<MemoryBlob>(tensor.data(), tensor.get_shape());
+  return std::make_shared<MemoryBlob>(tensor.data(), tensor.get_shape(), tensor.get_byte_size());
 }
 
 void InferRequest::Infer() { impl_->request.infer(); }

@@ -52,6 +52,9 @@ void IeNetwork::Initialize() {
   InferenceEngine::Core core("");
   core.SetConfig({{"CACHE_DIR", "/var/packages/Velmora/target/models/openvino_cache"}}, "");
   InferenceEngine::CNNNetwork network = core.ReadNetwork(xml_path, bin_path);
+  if (network.getInputsInfo().empty()) {
+    throw Exception("[IeNetwork] The model has no input");
+  }
   if (config_.batch_size == 0) {
     throw Exception("[IeNetwork] The batch size must not be 0");
   }
@@ -156,6 +159,10 @@ void IeNetwork::SetInputData(const std::vector<cv::Mat>& images) {
 
 std::vector<float> IeNetwork::GetOutputData(const std::string& name) {
   const InferenceEngine::Blob::Ptr blob = infer_request_->GetBlob(name);
+  // The name may be that of an input that is not fed, which is left in the model's own type.
+  if (blob->byteSize() < blob->size() * sizeof(float)) {
+    throw Exception("[IeNetwork] An output must be 32-bit floats");
+  }
   const auto* const source = blob->buffer().as<const float*>();
   return {source, source + blob->size()};
 }

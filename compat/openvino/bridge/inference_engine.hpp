@@ -91,10 +91,12 @@ class LockedMemory {
 class Blob {
  public:
   using Ptr = std::shared_ptr<Blob>;
-  Blob(void* data, SizeVector dims) : data_(data), desc_(std::move(dims)) {}
+  Blob(void* data, SizeVector dims, std::size_t byte_size)
+      : data_(data), desc_(std::move(dims)), byte_size_(byte_size) {}
   virtual ~Blob() = default;
   const TensorDesc& getTensorDesc() const { return desc_; }
-  std::size_t size() const;
+  std::size_t size() const;  // in elements
+  std::size_t byteSize() const { return byte_size_; }
   LockedMemory<void> buffer() const { return LockedMemory<void>(data_); }
 
  protected:
@@ -102,6 +104,7 @@ class Blob {
 
  private:
   TensorDesc desc_;
+  std::size_t byte_size_;
 };
 
 /// Every blob here is one.

@@ -1,0 +1,28 @@
+#include "support/platform_stand_in.h"
+
+#include <cstdlib>
+#include <utility>
+
+namespace velmora {
+
+namespace {
+
+std::string questions;
+
+bool Answer(const std::string& engine) {
+  questions += (questions.empty() ? "" : " ") + engine;
+  const char* const supported = std::getenv("VELMORA_TEST_PLATFORM");
+  return supported != nullptr &&
+         (" " + std::string(supported) + " ").find(" " + engine + " ") != std::string::npos;
+}
+
+}  // namespace
+
+namespace plugin::platform {
+bool IsSupportedIENetwork() { return Answer("ie"); }
+bool IsSupportedIENetworkGpu() { return Answer("gpu"); }
+}  // namespace plugin::platform
+
+std::string test::TakeQuestions() { return std::exchange(questions, {}); }
+
+}  // namespace velmora
