@@ -33,3 +33,30 @@ if(VELMORA_INFERENCE_ENGINE)
   endif()
   message(STATUS "OpenVINO ${OpenVINO_VERSION}: Inference Engine API ${VELMORA_OPENVINO_BRIDGE}")
 endif()
+
+# TensorFlow Lite: its C++ headers and library where they are (whose own CMake package is broken in
+# Debian), else the C library that scripts/setup brings.
+option(VELMORA_TENSORFLOW_LITE "Build the TensorFlow Lite backend" ON)
+set(VELMORA_TENSORFLOW_LITE_BRIDGE missing)
+if(VELMORA_TENSORFLOW_LITE)
+  add_library(velmora-tensorflow-lite SHARED IMPORTED)
+  find_path(TensorFlowLite_INCLUDE_DIR tensorflow/lite/interpreter.h)
+  find_library(TensorFlowLite_LIBRARY tensorflow-lite)
+  find_library(TensorFlowLite_C_LIBRARY jnitensorflowlite
+    PATHS ${PROJECT_SOURCE_DIR}/.deps/tensorflow-lite)
+  mark_as_advanced(TensorFlowLite_INCLUDE_DIR TensorFlowLite_LIBRARY TensorFlowLite_C_LIBRARY)
+  if(TensorFlowLite_INCLUDE_DIR AND TensorFlowLite_LIBRARY)
+    set(VELMORA_TENSORFLOW_LITE_BRIDGE native)
+    set_target_properties(velmora-tensorflow-lite PROPERTIES
+      IMPORTED_LOCATION ${TensorFlowLite_LIBRARY}
+      INTERFACE_INCLUDE_DIRECTORIES ${TensorFlowLite_INCLUDE_DIR})
+  elseif(TensorFlowLite_C_LIBRARY)
+    set(VELMORA_TENSORFLOW_LITE_BRIDGE bridge)
+    set_target_properties(velmora-tensorflow-lite PROPERTIES
+      IMPORTED_LOCATION ${TensorFlowLite_C_LIBRARY} IMPORTED_NO_SONAME ON)
+  else()
+    message(FATAL_ERROR "TensorFlow Lite was not found: run scripts/setup, or install its headers "
+      "and library, or build without it (-DVELMORA_TENSORFLOW_LITE=OFF)")
+  endif()
+  message(STATUS "TensorFlow Lite: C++ API ${VELMORA_TENSORFLOW_LITE_BRIDGE}")
+endif()

@@ -30,6 +30,8 @@ bool IsSupportedIENetwork() {
 #endif
 }
 
+bool IsSupportedTFLiteNetwork() { return VELMORA_HAS_TENSORFLOW_LITE != 0; }
+
 bool IsSupportedIENetworkGpu() try {
   if (!IsSupportedIENetwork()) {
     return false;

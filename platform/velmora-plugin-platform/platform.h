@@ -9,6 +9,10 @@ namespace velmora::plugin::platform {
 /// processor is one that it runs on.
 __attribute__((visibility("default"))) bool IsSupportedIENetwork();
 
+/// True when TensorFlow Lite can run here: it was there when this library was built, and its own
+/// choice of code for the processor does the rest.
+__attribute__((visibility("default"))) bool IsSupportedTFLiteNetwork();
+
 /// True when the Inference Engine can use a GPU here: IsSupportedIENetwork(), and a graphics device
 /// of Intel's that this process may open. Looks at the machine at every call, which takes
 /// microseconds.

@@ -20,6 +20,7 @@ bool Answer(const std::string& engine) {
 
 namespace plugin::platform {
 bool IsSupportedIENetwork() { return Answer("ie"); }
+bool IsSupportedTFLiteNetwork() { return Answer("tflite"); }
 bool IsSupportedIENetworkGpu() { return Answer("gpu"); }
 }  // namespace plugin::platform
 

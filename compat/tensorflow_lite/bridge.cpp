@@ -1,0 +1,201 @@
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <tensorflow/lite/model.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstdint>
+#include <cstdio>
+#include <utility>
+
+#include "network/log.h"
+
+// The C API, as far as it is used: opaque handles and plain functions, the same since 2.3.
+extern "C" {
+struct TfLiteModel;
+struct TfLiteInterpreterOptions;
+struct TfLiteInterpreter;
+struct TfLiteTensor;
+using TfLiteReport = void (*)(void* user_data, const char* format, va_list arguments);
+TfLiteModel* TfLiteModelCreateFromFileWithErrorReporter(const char* path, TfLiteReport report,
+                                                        void* user_data);
+void TfLiteModelDelete(TfLiteModel* model);
+TfLiteInterpreterOptions* TfLiteInterpreterOptionsCreate();
+void TfLiteInterpreterOptionsDelete(TfLiteInterpreterOptions* options);
+void TfLiteInterpreterOptionsSetErrorReporter(TfLiteInterpreterOptions* options,
+                                              TfLiteReport report, void* user_data);
+TfLiteInterpreter* TfLiteInterpreterCreate(const TfLiteModel* model,
+                                           const TfLiteInterpreterOptions* options);
+void TfLiteInterpreterDelete(TfLiteInterpreter* interpreter);
+int TfLiteInterpreterAllocateTensors(TfLiteInterpreter* interpreter);
+int TfLiteInterpreterInvoke(TfLiteInterpreter* interpreter);
+std::int32_t TfLiteInterpreterGetInputTensorCount(const TfLiteInterpreter* interpreter);
+std::int32_t TfLiteInterpreterGetOutputTensorCount(const TfLiteInterpreter* interpreter);
+const int* TfLiteInterpreterInputTensorIndices(const TfLiteInterpreter* interpreter);
+const int* TfLiteInterpreterOutputTensorIndices(const TfLiteInterpreter* interpreter);
+TfLiteTensor* TfLiteInterpreterGetTensor(const TfLiteInterpreter* interpreter, int index);
+int TfLiteTensorType(const TfLiteTensor* tensor);
+std::int32_t TfLiteTensorNumDims(const TfLiteTensor* tensor);
+std::int32_t TfLiteTensorDim(const TfLiteTensor* tensor, std::int32_t index);
+std::size_t TfLiteTensorByteSize(const TfLiteTensor* tensor);
+void* TfLiteTensorData(const TfLiteTensor* tensor);
+}
+
+namespace velmora::plugin::network::tflite {
+
+namespace {
+
+class LogReporter : public ErrorReporter {
+ public:
+  int Report(const char* format, va_list arguments) override {
+    char text[512];
+    const int length = std::vsnprintf(text, sizeof text, format, arguments);
+    LogInfo("[TfLiteNetwork] TensorFlow Lite: {}", text);
+    return length;
+  }
+};
+
+/// Called by the engine, which knows no exceptions.
+void Report(void* reporter, const char* format, va_list arguments) noexcept try {
+  static_cast<ErrorReporter*>(reporter)->Report(format, arguments);
+} catch (...) {  // no memory for a line in the log
+}
+
+/// Null data when the file cannot be mapped.
+class MappedFile {
+ public:
+  explicit MappedFile(const char* path) {
+    const int fd = open(path, O_RDONLY | O_CLOEXEC);
+    struct stat status = {};
+    if (fd >= 0 && fstat(fd, &status) == 0 && status.st_size > 0) {
+      size_ = static_cast<std::size_t>(status.st_size);
+      data_ = mmap(nullptr, size_, PROT_READ, MAP_PRIVATE, fd, 0);
+    }
+    if (fd >= 0) {
+      close(fd);
+    }
+  }
+  MappedFile(const MappedFile&) = delete;
+  MappedFile& operator=(const MappedFile&) = delete;
+  ~MappedFile() {
+    if (data() != nullptr) {
+      munmap(data_, size_);
+    }
+  }
+  const char* data() const {
+    return data_ == MAP_FAILED ? nullptr : static_cast<const char*>(data_);
+  }
+  std::size_t size() const { return size_; }
+
+ private:
+  std::size_t size_ = 0;
+  void* data_ = MAP_FAILED;
+};
+
+struct Delete {
+  void operator()(TfLiteModel* model) const { TfLiteModelDelete(model); }
+  void operator()(TfLiteInterpreterOptions* options) const {
+    TfLiteInterpreterOptionsDelete(options);
+  }
+  void operator()(TfLiteInterpreter* interpreter) const { TfLiteInterpreterDelete(interpreter); }
+};
+
+}  // namespace
+
+ErrorReporter* DefaultErrorReporter() {
+  static LogReporter reporter;
+  return &reporter;
+}
+
+struct FlatBufferModel::Impl {
+  std::unique_ptr<TfLiteModel, Delete> model;
+  ErrorReporter* reporter;
+};
+
+FlatBufferModel::FlatBufferModel(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
+FlatBufferModel::~FlatBufferModel() = default;
+
+std::unique_ptr<FlatBufferModel> FlatBufferModel::VerifyAndBuildFromFile(
+    const char* path, TfLiteVerifier* extra_verifier, ErrorReporter* reporter) {
+  std::unique_ptr<TfLiteModel, Delete> model(
+      TfLiteModelCreateFromFileWithErrorReporter(path, Report, reporter));
+  if (!model) {
+    return nullptr;
+  }
+  // The engine does not show the memory that it has the file in.
+  const MappedFile file(path);
+  if (file.size() > INT_MAX || file.data() == nullptr ||
+      !extra_verifier->Verify(file.data(), static_cast<int>(file.size()), reporter)) {
+    return nullptr;
+  }
+  return std::make_unique<FlatBufferModel>(
+      std::make_unique<Impl>(Impl{std::move(model), reporter}));
+}
+
+struct Interpreter::Impl {
+  std::unique_ptr<TfLiteInterpreter, Delete> interpreter;
+};
+
+Interpreter::Interpreter(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {
+  const TfLiteInterpreter* const engine = impl_->interpreter.get();
+  const int* const inputs = TfLiteInterpreterInputTensorIndices(engine);
+  inputs_.assign(inputs, inputs + TfLiteInterpreterGetInputTensorCount(engine));
+  const int* const outputs = TfLiteInterpreterOutputTensorIndices(engine);
+  outputs_.assign(outputs, outputs + TfLiteInterpreterGetOutputTensorCount(engine));
+  for (int i = 0; TfLiteInterpreterGetTensor(engine, i) != nullptr; ++i) {
+    tensors_.emplace_back();
+  }
+}
+
+Interpreter::~Interpreter() = default;
+
+TfLiteStatus Interpreter::AllocateTensors() {
+  return static_cast<TfLiteStatus>(TfLiteInterpreterAllocateTensors(impl_->interpreter.get()));
+}
+
+TfLiteStatus Interpreter::Invoke() {
+  return static_cast<TfLiteStatus>(TfLiteInterpreterInvoke(impl_->interpreter.get()));
+}
+
+const TfLiteTensor* Interpreter::tensor(int index) {
+  const ::TfLiteTensor* const source = TfLiteInterpreterGetTensor(impl_->interpreter.get(), index);
+  auto& [tensor, dims] = tensors_[static_cast<std::size_t>(index)];
+  dims.size = TfLiteTensorNumDims(source);
+  dims.data.clear();
+  for (int i = 0; i < dims.size; ++i) {
+    dims.data.push_back(TfLiteTensorDim(source, i));
+  }
+  tensor.type = static_cast<TfLiteType>(TfLiteTensorType(source));
+  tensor.dims = &dims;
+  tensor.bytes = TfLiteTensorByteSize(source);
+  return &tensor;
+}
+
+template <>
+float* Interpreter::typed_tensor<float>(int index) {
+  const ::TfLiteTensor* const tensor = TfLiteInterpreterGetTensor(impl_->interpreter.get(), index);
+  return TfLiteTensorType(tensor) == kTfLiteFloat32 ? static_cast<float*>(TfLiteTensorData(tensor))
+                                                    : nullptr;
+}
+
+InterpreterBuilder::InterpreterBuilder(const FlatBufferModel& model, const OpResolver& /*resolver*/,
+                                       std::nullptr_t /*options*/)
+    : model_(model) {}
+
+TfLiteStatus InterpreterBuilder::operator()(std::unique_ptr<Interpreter>* interpreter) {
+  const auto& [model, reporter] = model_.impl();
+  const std::unique_ptr<TfLiteInterpreterOptions, Delete> options(TfLiteInterpreterOptionsCreate());
+  TfLiteInterpreterOptionsSetErrorReporter(options.get(), Report, reporter);
+  std::unique_ptr<TfLiteInterpreter, Delete> built(
+      TfLiteInterpreterCreate(model.get(), options.get()));
+  if (!built) {
+    interpreter->reset();
+    return static_cast<TfLiteStatus>(1);
+  }
+  *interpreter = std::make_unique<Interpreter>(
+      std::make_unique<Interpreter::Impl>(Interpreter::Impl{std::move(built)}));
+  return kTfLiteOk;
+}
+
+}  // namespace velmora::plugin::network::tflite

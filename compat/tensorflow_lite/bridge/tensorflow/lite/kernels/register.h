@@ -1,0 +1,4 @@
+// Where the C++ API has BuiltinOpResolver.
+#pragma once
+
+#include <tensorflow/lite/model.h>
