@@ -60,7 +60,9 @@ struct Node {
   const Json::Value& value;
 
   [[noreturn]] void Refuse(std::string_view fault) const {
-    throw std::runtime_error(key.empty() ? std::string(fault) : fmt::format("{}: {}", key, fault));
+    // A key may hold a NUL, where the text of an exception ends.
+    throw std::runtime_error(key.empty() ? std::string(fault)
+                                         : fmt::format("{}: {}", OneLine(key), fault));
   }
 
   void Expect(bool is_so, std::string_view what) const {
