@@ -93,7 +93,8 @@ TEST_F(JsonUtilsTest, EveryPathAndContentHasItsOutcome) {
   } cases[] = {
       {"./1", "{\"a\": [1, 2.5, \"x\"]} // why\n", small, " r+ R+ w+= W+= l+", nothing},
       {"./2", "5", large, " r+ R+ w+= W+= l+", nothing},
-      {"./2", std::string(1000, '[') + std::string(1000, ']'), small, " r+ R+ w+= W+= l+", nothing},
+      // JsonCpp's limit is 256 or 1000, by its version.
+      {"./2", std::string(256, '[') + std::string(256, ']'), small, " r+ R+ w+= W+= l+", nothing},
       {"./3", std::string(1001, '[') + std::string(1001, ']'), small, " r-P R-P w+= W+= l+",
        nothing},
       {"./4", std::string(1 << 20, '['), small, " r-P R-P w+= W+= l+", nothing},
