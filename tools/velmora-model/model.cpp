@@ -1,6 +1,6 @@
 #include "model.h"
 
-#include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <velmora/plugin/network/dnn_network.h>
 #include <velmora/plugin/network/ie_network.h>
 
