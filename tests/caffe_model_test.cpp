@@ -12,6 +12,7 @@
 
 #include <functional>
 #include <set>
+#include <sstream>
 
 #include "caffe_format.h"
 #include "support/caffe_writer.h"
@@ -61,16 +62,18 @@ std::set<std::string> FieldsOf(const pb::Descriptor& root) {
     if (message.name() == "V0LayerParameter" || !seen.insert(&message).second) return;
     for (int i = 0; i < message.field_count(); ++i) {
       const pb::FieldDescriptor& field = *message.field(i);
-      std::string line = message.name() + "." + field.name() + " " + field.type_name() + " " +
-                         std::to_string(field.number()) + " " + std::to_string(field.label());
+      std::ostringstream line;
+      line << message.name() << '.' << field.name() << ' ' << field.type_name() << ' '
+           << field.number() << ' ' << field.is_required() << field.is_repeated();
       if (const pb::EnumDescriptor* values = field.enum_type()) {
         std::set<std::string> names;
         for (int k = 0; k < values->value_count(); ++k) {
-          names.insert(values->value(k)->name() + std::to_string(values->value(k)->number()));
+          names.insert(std::string(values->value(k)->name()) +
+                       std::to_string(values->value(k)->number()));
         }
-        for (const std::string& name : names) line += " " + name;
+        for (const std::string& name : names) line << ' ' << name;
       }
-      lines.insert(line);
+      lines.insert(line.str());
       if (field.message_type() != nullptr) add(*field.message_type());
     }
   };

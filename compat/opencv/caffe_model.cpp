@@ -111,7 +111,7 @@ class BinaryWalk {
  public:
   explicit BinaryWalk(const File& file) : file_(file.fd()), in_(&file_) {
     in_.SetTotalBytesLimit(INT_MAX);
-    in_.PushLimit(file.size());
+    static_cast<void>(in_.PushLimit(file.size()));
     is_message_ = Net();
   }
 
@@ -249,8 +249,10 @@ class BinaryWalk {
 
 class Silence : public pb::io::ErrorCollector {
  public:
-  void AddError(int /*line*/, pb::io::ColumnNumber /*column*/,
-                const std::string& /*message*/) override {}
+  // libprotobuf calls the first up to version 21 and the second from 22 on.
+  void AddError(int /*line*/, pb::io::ColumnNumber /*column*/,  // NOLINT(modernize-use-override)
+                const std::string& /*message*/) {}
+  void RecordError(int /*line*/, pb::io::ColumnNumber /*column*/, std::string_view /*message*/) {}
 };
 
 // The format as messages made at run time. Generated classes would enter themselves in a table that
@@ -260,7 +262,7 @@ class Format {
  public:
   Format() : factory_(&pool_) {
     pb::FileDescriptorSet files;
-    files.ParseFromArray(kCaffeFormat, sizeof kCaffeFormat);
+    static_cast<void>(files.ParseFromArray(kCaffeFormat, sizeof kCaffeFormat));
     net_ = pool_.BuildFile(files.file(0))->FindMessageTypeByName("NetParameter");
   }
 
@@ -342,9 +344,13 @@ std::string NameOf(const pb::Message& layer) {
 // types without regard to case.
 std::string TypeOf(const pb::Message& layer) {
   const pb::FieldDescriptor* field = FieldOf(layer, "type");
-  std::string type = field->enum_type() != nullptr
-                         ? layer.GetReflection()->GetEnum(layer, field)->name()
-                         : layer.GetReflection()->GetString(layer, field);
+  const pb::EnumDescriptor* old_types = field->enum_type();
+  const pb::Reflection& reflection = *layer.GetReflection();
+  std::string type =
+      old_types == nullptr
+          ? reflection.GetString(layer, field)
+          : std::string(
+                old_types->FindValueByNumber(reflection.GetEnumValue(layer, field))->name());
   for (char& c : type) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   return type;
 }

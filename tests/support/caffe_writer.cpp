@@ -57,7 +57,7 @@ void AddBlob(pb::Message& layer, const CaffeBlob& blob, std::minstd_rand& random
 
 CaffeModel MakeCaffeModel(const std::string& prototxt, const std::vector<CaffeBlob>& blobs) {
   pb::FileDescriptorSet files;
-  files.ParseFromArray(kCaffeFormat, sizeof kCaffeFormat);
+  static_cast<void>(files.ParseFromArray(kCaffeFormat, sizeof kCaffeFormat));
   pb::DescriptorPool pool;
   pb::DynamicMessageFactory factory(&pool);
   const std::unique_ptr<pb::Message> net(

@@ -1,7 +1,6 @@
 // velmora-model: runs image-recognition models from the command line.
 
 #include <fmt/format.h>
-#include <google/protobuf/stubs/logging.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -13,6 +12,7 @@
 #include "commands.h"
 #include "common.h"
 #include "model.h"
+#include "protobuf_log.h"
 
 namespace {
 
@@ -139,7 +139,7 @@ void AddTranscode(CLI::App* app, TranscodeOptions* options) {
 /// The program tells of a failure in one line of its own; the engines would add theirs.
 void SilenceEngines() {
   cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_SILENT);
-  google::protobuf::SetLogHandler(nullptr);
+  velmora::compat::SilenceProtobuf();
 }
 
 /// A whole number in this range. Without its usual description, --help says "N" and no more.

@@ -1,0 +1,23 @@
+// Serves every libprotobuf: up to version 21 it has a log of its own, from 22 on it uses Abseil's.
+#pragma once
+
+#include <google/protobuf/stubs/common.h>
+#if GOOGLE_PROTOBUF_VERSION < 4022000
+#include <google/protobuf/stubs/logging.h>
+#else
+#include <absl/base/log_severity.h>
+#include <absl/log/globals.h>
+#endif
+
+namespace velmora::compat {
+
+/// Keeps libprotobuf from writing to standard error.
+inline void SilenceProtobuf() {
+#if GOOGLE_PROTOBUF_VERSION < 4022000
+  google::protobuf::SetLogHandler(nullptr);
+#else
+  absl::SetMinLogLevel(absl::LogSeverityAtLeast::kInfinity);
+#endif
+}
+
+}  // namespace velmora::compat
