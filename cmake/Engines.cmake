@@ -60,5 +60,14 @@ if(VELMORA_TENSORFLOW_LITE)
     message(FATAL_ERROR "TensorFlow Lite was not found: run scripts/setup, or install its headers "
       "and library, or build without it (-DVELMORA_TENSORFLOW_LITE=OFF)")
   endif()
-  message(STATUS "TensorFlow Lite: C++ API ${VELMORA_TENSORFLOW_LITE_BRIDGE}")
+  # Asked of the library: nothing beside it tells.
+  if(NOT DEFINED TensorFlowLite_VERSION)
+    file(WRITE ${CMAKE_BINARY_DIR}/version/tensorflow_lite.cpp
+      "#include <cstdio>\nextern \"C\" const char* TfLiteVersion();\n"
+      "int main() { std::fputs(TfLiteVersion(), stdout); }\n")
+    try_run(ran compiled ${CMAKE_BINARY_DIR}/version ${CMAKE_BINARY_DIR}/version/tensorflow_lite.cpp
+      LINK_LIBRARIES velmora-tensorflow-lite RUN_OUTPUT_VARIABLE TensorFlowLite_VERSION)
+    set(TensorFlowLite_VERSION "${TensorFlowLite_VERSION}" CACHE INTERNAL "")
+  endif()
+  message(STATUS "TensorFlow Lite ${TensorFlowLite_VERSION}: C++ API ${VELMORA_TENSORFLOW_LITE_BRIDGE}")
 endif()

@@ -17,6 +17,12 @@ namespace {
 
 namespace fs = std::filesystem;
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kRunsInferenceEngine = false;  // see no_deepbind.cpp
+#else
+constexpr bool kRunsInferenceEngine = VELMORA_HAS_INFERENCE_ENGINE;
+#endif
+
 const fs::path kModel = fs::path(VELMORA_SAMPLE_MODEL) / "model.json";
 const fs::path kImages = fs::path(VELMORA_SAMPLE_MODEL) / "images";
 
@@ -37,7 +43,11 @@ Json::Value Parse(const std::string& text) {
 
 class Program : public testing::Test {
  protected:
-  Program() { fs::create_directories(folder_); }
+  Program() {
+    fs::create_directories(folder_);
+    setenv("LD_LIBRARY_PATH", VELMORA_STAND_INS, 1);
+    Machine("");
+  }
   ~Program() override { fs::remove_all(folder_); }
 
   static Finished Run(std::vector<std::string> arguments, ErrorTo error_to = ErrorTo::kPipe,
@@ -45,6 +55,9 @@ class Program : public testing::Test {
     arguments.insert(arguments.begin(), VELMORA_MODEL_PROGRAM);
     return RunProcess(arguments, error_to, output_path);
   }
+
+  /// What the machine supports, see platform_stand_in.h.
+  static void Machine(const char* engines) { setenv("VELMORA_TEST_PLATFORM", engines, 1); }
 
   static Json::Value RunJson(std::vector<std::string> arguments) {
     arguments.push_back("--json");
@@ -83,11 +96,12 @@ class Program : public testing::Test {
 TEST_F(Program, AnswersAsTheReferenceInBatchesOrOneByOne) {
   const Json::Value reference = Parse(Read(kModel.parent_path() / "reference.json"));
   std::vector<std::string> backends = {"dnn"};
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // see no_deepbind.cpp
-  if (VELMORA_HAS_INFERENCE_ENGINE) {
+  if (VELMORA_HAS_TENSORFLOW_LITE) {
+    backends.push_back("tflite");
+  }
+  if (kRunsInferenceEngine) {
     backends.push_back("ie");
   }
-#endif
   for (std::size_t i = 0; i < 2 * backends.size(); ++i) {
     const std::string batch = i % 2 == 0 ? "1" : "7";
     const Json::Value answer = RunJson(
@@ -147,10 +161,11 @@ TEST_F(Program, TableShowsAnswersAndWhichAreWrong) {
   for (std::string line; std::getline(lines, line);) {
     rows.push_back(line);
   }
-  ASSERT_EQ(rows.size(), 1 + 3 * 2 + 2u) << finished.output;
-  EXPECT_TRUE(rows[1].starts_with(kImages.string() + "/0000.png  " + label + " ")) << rows[1];
-  EXPECT_TRUE(rows[1].ends_with("  " + label)) << rows[1];
-  EXPECT_TRUE(rows[3].ends_with("  " + wrong + "  wrong")) << rows[3];
+  ASSERT_EQ(rows.size(), 3 + 1 + 3 * 2 + 2u) << finished.output;
+  EXPECT_EQ(rows[0], "engine      OpenCV dnn " CV_VERSION ", CPU");
+  EXPECT_TRUE(rows[4].starts_with(kImages.string() + "/0000.png  " + label + " ")) << rows[4];
+  EXPECT_TRUE(rows[4].ends_with("  " + label)) << rows[4];
+  EXPECT_TRUE(rows[6].ends_with("  " + wrong + "  wrong")) << rows[6];
   EXPECT_EQ(rows.back(), "accuracy: 1 of 2 (50.0 %)");
 }
 
@@ -240,6 +255,101 @@ TEST_F(Program, BadInputIsOneLineAndTheOthersAreDone) {
   }
   EXPECT_EQ(Run({"run", kModel, good}, ErrorTo::kPipe, "/dev/full").status, 1);
   EXPECT_EQ(Run({"--help"}, ErrorTo::kPipe, "/dev/full").status, 1);
+}
+
+TEST_F(Program, TellsWhichEngineAndWhy) {
+  if (!VELMORA_HAS_TENSORFLOW_LITE) {
+    GTEST_SKIP() << "built without TensorFlow Lite";
+  }
+  const std::string no_ie = "no Inference Engine: ";
+  const std::string no_tflite = "no TensorFlow Lite: ";
+  const std::string machine = "this machine does not support it";
+  const struct {
+    const char* machine;
+    std::string model;
+    std::vector<std::string> arguments;
+    std::string engine;
+    std::string why;
+  } cases[] = {
+      {"", kModel, {}, "OpenCV dnn", no_ie + machine + "; " + no_tflite + machine},
+      {"tflite", kModel, {}, "TensorFlow Lite", no_ie + machine},
+      {"tflite", kModel, {"--backend", "dnn"}, "OpenCV dnn", ""},
+      {"ie tflite",
+       ChangedModel("network", "enable_ie", "false"),
+       {},
+       "TensorFlow Lite",
+       no_ie + "network.enable_ie is off"},
+      {"ie tflite",
+       ChangedModel("network", "ie_cpu_bin_path", "\"\""),
+       {},
+       "TensorFlow Lite",
+       no_ie + "the model has no such form"},
+      {"ie",
+       kModel,
+       {},
+       "Inference Engine",
+       "no GPU: this machine has none that the engine can use"},
+      {"ie",
+       ChangedModel("network", "ie_gpu_xml_path", "\"\""),
+       {},
+       "Inference Engine",
+       "no GPU: the model has no such form"},
+  };
+  for (const auto& [supported, model, options, engine, why] : cases) {
+    if (engine == "Inference Engine" && !kRunsInferenceEngine) {
+      continue;
+    }
+    Machine(supported);
+    std::vector<std::string> arguments = {"run", model, kImages / "0000.png"};
+    arguments.insert(arguments.end(), options.begin(), options.end());
+    const Json::Value report = RunJson(arguments);
+    EXPECT_TRUE(report["engine"].asString().starts_with(engine)) << report["engine"];
+    EXPECT_EQ(report["device"].asString(), "CPU");
+    EXPECT_EQ(report["why"].asString(), why);
+  }
+}
+
+TEST_F(Program, ComparesAllFormsOfAModel) {
+  if (!VELMORA_HAS_TENSORFLOW_LITE) {
+    GTEST_SKIP() << "built without TensorFlow Lite";
+  }
+  Machine(kRunsInferenceEngine ? "ie tflite" : "tflite");
+  const std::size_t forms = kRunsInferenceEngine ? 4 : 2;
+  const Finished same = Run({"compare", kModel, kImages, "--json"});
+  EXPECT_EQ(same.status, 0) << same.error;
+  const Json::Value report = Parse(same.output);
+  EXPECT_EQ(report["engines"].size(), forms);
+  EXPECT_EQ(report["differences"].size(), forms * (forms - 1) / 2);
+  for (const Json::Value& pair : report["differences"]) {
+    const bool half = pair["engines"].toStyledString().find("ie-gpu") != std::string::npos;
+    EXPECT_LT(pair["absolute"].asDouble(), half ? 2e-3 : 1e-4) << pair;
+    EXPECT_GT(pair["relative"].asDouble(), 0) << pair;
+    EXPECT_EQ(pair["not_finite"].asInt(), 0);
+    EXPECT_EQ(pair["same_top"].asUInt(), report["images"].asUInt());
+  }
+
+  // Other weights, and weights that are no numbers.
+  for (const char byte : {'\xc0', '\xff'}) {
+    std::string altered = Read(kModel.parent_path() / "digits.caffemodel");
+    std::fill(altered.begin() + 10'000, altered.begin() + 20'000, byte);
+    const Finished other =
+        Run({"compare",
+             ChangedModel("network", "dnn_caffemodel_path", "\"" + Write("x", altered) + "\""),
+             kImages, "--json"});
+    EXPECT_EQ(other.status, 1);
+    double not_finite = 0;
+    const Json::Value differences = Parse(other.output)["differences"];
+    for (const Json::Value& pair : differences) {
+      not_finite += pair["not_finite"].asDouble();
+    }
+    EXPECT_EQ(not_finite > 0, byte == '\xff');
+  }
+
+  Machine("");
+  const Finished alone = Run({"compare", kModel, kImages});
+  EXPECT_EQ(alone.status, 3);
+  EXPECT_NE(alone.error.find("TensorFlow Lite: this machine does not support it"),
+            std::string::npos);
 }
 
 TEST_F(Program, BenchMeasures) {

@@ -5,42 +5,11 @@
 #include <unistd.h>
 
 #include <climits>
-#include <cstdint>
 #include <cstdio>
 #include <utility>
 
 #include "network/log.h"
-
-// The C API, as far as it is used: opaque handles and plain functions, the same since 2.3.
-extern "C" {
-struct TfLiteModel;
-struct TfLiteInterpreterOptions;
-struct TfLiteInterpreter;
-struct TfLiteTensor;
-using TfLiteReport = void (*)(void* user_data, const char* format, va_list arguments);
-TfLiteModel* TfLiteModelCreateFromFileWithErrorReporter(const char* path, TfLiteReport report,
-                                                        void* user_data);
-void TfLiteModelDelete(TfLiteModel* model);
-TfLiteInterpreterOptions* TfLiteInterpreterOptionsCreate();
-void TfLiteInterpreterOptionsDelete(TfLiteInterpreterOptions* options);
-void TfLiteInterpreterOptionsSetErrorReporter(TfLiteInterpreterOptions* options,
-                                              TfLiteReport report, void* user_data);
-TfLiteInterpreter* TfLiteInterpreterCreate(const TfLiteModel* model,
-                                           const TfLiteInterpreterOptions* options);
-void TfLiteInterpreterDelete(TfLiteInterpreter* interpreter);
-int TfLiteInterpreterAllocateTensors(TfLiteInterpreter* interpreter);
-int TfLiteInterpreterInvoke(TfLiteInterpreter* interpreter);
-std::int32_t TfLiteInterpreterGetInputTensorCount(const TfLiteInterpreter* interpreter);
-std::int32_t TfLiteInterpreterGetOutputTensorCount(const TfLiteInterpreter* interpreter);
-const int* TfLiteInterpreterInputTensorIndices(const TfLiteInterpreter* interpreter);
-const int* TfLiteInterpreterOutputTensorIndices(const TfLiteInterpreter* interpreter);
-TfLiteTensor* TfLiteInterpreterGetTensor(const TfLiteInterpreter* interpreter, int index);
-int TfLiteTensorType(const TfLiteTensor* tensor);
-std::int32_t TfLiteTensorNumDims(const TfLiteTensor* tensor);
-std::int32_t TfLiteTensorDim(const TfLiteTensor* tensor, std::int32_t index);
-std::size_t TfLiteTensorByteSize(const TfLiteTensor* tensor);
-void* TfLiteTensorData(const TfLiteTensor* tensor);
-}
+#include "tensorflow_lite/c_api.h"
 
 namespace velmora::plugin::network::tflite {
 

@@ -123,8 +123,9 @@ int Bench(const BenchOptions& options) {
 
   Json::Value document;
   document["model"] = JsonText(model.name);
-  document["engine"] = model.engine;
-  document["device"] = model.device();
+  document["engine"] = model.engine.name;
+  document["device"] = model.engine.device();
+  document["why"] = model.engine.why;
   document["iterations"] = options.iterations;
   document["warmup"] = options.warmup;
   document["batch"] = options.batch;
@@ -154,7 +155,7 @@ int Bench(const BenchOptions& options) {
     values += fmt::format("{:>10.3f}", milliseconds);
   }
   Print(fmt::format("model       {}\n", OneLine(model.name)));
-  Print(fmt::format("engine      {}, {}\n", model.engine, model.device()));
+  Print(EngineLines(model.engine));
   Print(fmt::format("machine     {}, {} cores, {}\n", OneLine(machine["cpu"].asString()),
                     machine["cores"].asUInt(), machine["kernel"].asString()));
   Print(fmt::format("build       {} {}, {}{}\n", VELMORA_VERSION, VELMORA_BUILD_TYPE, kCompiler,

@@ -2,6 +2,7 @@
 // output that takes no more are exceptions.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -12,7 +13,7 @@ namespace velmora::tool {
 struct RunOptions {
   std::string model;
   std::vector<std::string> images;
-  Backend backend = Backend::kDnn;
+  std::optional<Backend> backend;  // none for the factory's choice
   int top = 1;
   int batch = 1;
   bool json = false;
@@ -23,11 +24,17 @@ struct RunOptions {
 struct BenchOptions {
   std::string model;
   std::vector<std::string> images;  // empty for a made-up one
-  Backend backend = Backend::kDnn;
+  std::optional<Backend> backend;   // none for the factory's choice
   int iterations = 200;
   int warmup = 20;
   int batch = 1;
   int transcode = 0;  // seconds; 0 for an ordinary benchmark
+  bool json = false;
+};
+
+struct CompareOptions {
+  std::string model;
+  std::vector<std::string> images;
   bool json = false;
 };
 
@@ -43,6 +50,7 @@ struct TranscodeOptions {
 
 int Run(const RunOptions& options);
 int Bench(const BenchOptions& options);
+int Compare(const CompareOptions& options);
 int BenchTranscode(const BenchOptions& options);
 int Transcode(const TranscodeOptions& options);
 int Status(bool json);

@@ -130,6 +130,7 @@ struct Node {
 
 NetworkConfig ReadConfig(const Node& section, const fs::path& folder) {
   NetworkConfig config;
+  config.batch_size = 1;
   for (const std::string& name : section.Members({"output_names"})) {
     const Node node = section[name];
     if (name == "output_names") {

@@ -45,6 +45,11 @@ constexpr char kModelHelp[] = R"(MODEL.json describes a model and how images are
 )";
 
 constexpr char kRunHelp[] = R"(
+Without --backend the library chooses: the Inference Engine, else TensorFlow Lite, else OpenCV, by what
+the machine supports, the model has a form for and its flags allow ("enable_ie", "enable_tflite",
+"enable_dnn"). The line "why" tells why an earlier one was passed over. A --backend is used whatever
+the flags say.
+
 A FOLDER stands for the image files in it (not in its subfolders), by name. An image that is named
 twice is done once. The time is that of the network alone: reading and preparing an image is not
 in it, and an image in a batch has an equal share of the batch's time.
@@ -79,6 +84,23 @@ constexpr char kBenchExamples[] = R"(Examples:
   velmora-model bench digits/model.json
   velmora-model bench --json --iterations 1000 --batch 8 digits/model.json digits/images
 )";
+
+constexpr char kCompareHelp[] = R"(
+Every engine that the model has a form for runs every image, whatever the model's flags say; the
+pairs of the Inference Engine for the CPU and for the GPU count as two. For each two engines and each
+output that both have, there are printed over all images and values
+  absolute   the largest |a - b|
+  relative   the largest |a - b| / max(|a|, |b|)
+  not finite how many values of either are infinite or no number
+  same top   of how many images the best answer is the same (for the answer, the first output)
+TensorFlow Lite has one output only, which stands for the first of the model's output_names.
+)";
+
+constexpr char kCompareStatusHelp[] = R"(Exit status:
+  0  the best answers are the same everywhere and all values are finite
+  1  they are not, or something could not be done, as standard error says
+  2  wrong usage
+  3  the model could not be loaded, or has fewer than two forms that run here)";
 
 constexpr char kTranscodeHelp[] = R"(
 The record of the processes that are transcoding now, which transcoders and this library share. Each
@@ -164,10 +186,14 @@ int RunProgram(std::vector<std::string> arguments) {
   };
   add(run_command, "MODEL.json", &run.model, "", "Description of the model")->required();
   add(run_command, "IMAGE|FOLDER", &run.images, "", "Images to recognise")->required();
-  const auto add_backend = [](CLI::App* command, Backend* backend) {
-    static const std::map<std::string, Backend> kBackends = {{"dnn", Backend::kDnn},
-                                                             {"ie", Backend::kIe}};
-    command->add_option("--backend", *backend, "Engine: dnn (OpenCV) or ie (OpenVINO) [dnn]")
+  const auto add_backend = [](CLI::App* command, std::optional<Backend>* backend) {
+    static const std::map<std::string, Backend> kBackends = {
+        {"dnn", Backend::kDnn}, {"ie", Backend::kIe}, {"tflite", Backend::kTfLite}};
+    command
+        ->add_option(
+            "--backend", *backend,
+            "Engine: dnn (OpenCV), ie (OpenVINO) or tflite (TensorFlow Lite) [the one that "
+            "the library chooses]")
         ->type_name("NAME")
         ->transform(CLI::CheckedTransformer(kBackends).description(""));
   };
@@ -197,6 +223,14 @@ int RunProgram(std::vector<std::string> arguments) {
   add(bench_command, "--batch", &bench.batch, "N", "Images in a run [1]")->check(Between(1, 4096));
   bench_command->add_flag("--json", bench.json, "Print one JSON document instead of a table");
   bench_command->footer(fmt::format("{}\n{}\n{}", kBenchHelp, kBenchExamples, kStatusHelp));
+
+  CompareOptions compare;
+  CLI::App* const compare_command =
+      app.add_subcommand("compare", "Run all engines on the same images and compare them");
+  add(compare_command, "MODEL.json", &compare.model, "", "Description of the model")->required();
+  add(compare_command, "IMAGE|FOLDER", &compare.images, "", "Images to run")->required();
+  compare_command->add_flag("--json", compare.json, "Print one JSON document instead of tables");
+  compare_command->footer(fmt::format("{}\n{}", kCompareHelp, kCompareStatusHelp));
 
   TranscodeOptions transcode;
   AddTranscode(&app, &transcode);
@@ -228,6 +262,9 @@ int RunProgram(std::vector<std::string> arguments) {
   }
   if (run_command->parsed()) {
     return Run(run);
+  }
+  if (compare_command->parsed()) {
+    return Compare(compare);
   }
   if (bench_command->parsed()) {
     return bench.transcode > 0 ? BenchTranscode(bench) : Bench(bench);

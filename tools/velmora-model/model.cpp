@@ -1,8 +1,6 @@
 #include "model.h"
 
-#include <fmt/ranges.h>
-#include <velmora/plugin/network/dnn_network.h>
-#include <velmora/plugin/network/ie_network.h>
+#include <fmt/format.h>
 
 #include <chrono>
 
@@ -11,55 +9,9 @@
 
 namespace velmora::tool {
 
+using plugin::network::OutputMap;
+
 namespace {
-
-using plugin::network::NetworkConfig;
-
-/// What a backend needs of a description: files, each group of which has to be there whole.
-std::vector<std::string> FilesOf(const NetworkConfig& config, Backend backend) {
-  if (backend == Backend::kIe) {
-    if (config.ie_cpu_xml_path.empty() || config.ie_cpu_bin_path.empty()) {
-      throw std::runtime_error("network needs ie_cpu_xml_path and ie_cpu_bin_path");
-    }
-    return {config.ie_cpu_xml_path, config.ie_cpu_bin_path};
-  }
-  if (!config.enable_dnn) {
-    throw std::runtime_error("network.enable_dnn is not true: name another engine by --backend");
-  }
-  if (!config.dnn_binary_path.empty()) {
-    return {config.dnn_binary_path};
-  }
-  if (config.dnn_prototxt_path.empty() || config.dnn_caffemodel_path.empty()) {
-    throw std::runtime_error(
-        "network needs dnn_binary_path, or dnn_prototxt_path and dnn_caffemodel_path");
-  }
-  return {config.dnn_prototxt_path, config.dnn_caffemodel_path};
-}
-
-/// The one place that knows the backends.
-void MakeNetwork(Backend backend, Model* model) {
-  const NetworkConfig& config = model->config;
-  const std::vector<std::string> paths = FilesOf(config, backend);
-  std::string at_fault;
-  try {
-    for (const std::string& path : paths) {
-      at_fault = path;
-      CheckReadable(path);
-    }
-    at_fault = fmt::format("{}", fmt::join(paths, ", "));
-    if (backend == Backend::kIe) {
-      auto network = std::make_unique<plugin::network::IeNetwork>(config);
-      model->engine = fmt::format("Inference Engine (OpenVINO {})", VELMORA_OPENVINO_VERSION);
-      model->device = [network = network.get()] { return network->GetDevice(); };
-      model->network = std::move(network);
-    } else {
-      model->network = std::make_unique<plugin::network::DnnNetwork>(config);
-      model->engine = fmt::format("OpenCV dnn {}", cv::getVersionString());
-    }
-  } catch (...) {
-    throw std::runtime_error(at_fault + ": " + CurrentFault());
-  }
-}
 
 /// Whether a network fits its description shows only when it runs: once here, and not as the same
 /// complaint about every image. It also spares the first image the time of the engine's set-up.
@@ -79,10 +31,10 @@ void TryNetwork(Model* model) {
 
 }  // namespace
 
-Model LoadModel(const std::string& path, Backend backend) {
+Model LoadModel(const std::string& path, std::optional<Backend> backend) {
   try {
     Model model = ReadDescription(path);
-    MakeNetwork(backend, &model);
+    model.engine = MakeEngine(model.config, backend);
     TryNetwork(&model);
     return model;
   } catch (...) {
@@ -90,21 +42,40 @@ Model LoadModel(const std::string& path, Backend backend) {
   }
 }
 
-std::vector<std::vector<float>> Forward(const Model& model, const std::vector<cv::Mat>& images,
-                                        double* seconds) {
-  std::vector<plugin::network::OutputMap> outputs;
+std::vector<Model> LoadEveryForm(const std::string& path,
+                                 const std::function<void(const std::string&)>& left_out) {
+  try {
+    std::vector<Model> models;
+    for (Engine& engine : MakeEveryEngine(ReadDescription(path).config, left_out)) {
+      models.push_back(ReadDescription(path));
+      models.back().engine = std::move(engine);
+      TryNetwork(&models.back());
+    }
+    return models;
+  } catch (...) {
+    throw ModelError(path + ": " + CurrentFault());
+  }
+}
+
+std::vector<OutputMap> RunNetwork(const Model& model, const std::vector<cv::Mat>& images,
+                                  double* seconds) {
+  std::vector<OutputMap> outputs;
   const auto start = std::chrono::steady_clock::now();
   // With a batch size above 1, one image alone would come back as a whole batch.
   if (images.size() == 1 && model.config.batch_size <= 1) {
-    outputs.push_back(model.network->Forward(images[0]));
+    outputs.push_back(model.engine.network->Forward(images[0]));
   } else {
-    outputs = model.network->Forward(images);
+    outputs = model.engine.network->Forward(images);
   }
   *seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  return outputs;
+}
 
+std::vector<std::vector<float>> Forward(const Model& model, const std::vector<cv::Mat>& images,
+                                        double* seconds) {
   std::vector<std::vector<float>> answers;
-  for (plugin::network::OutputMap& output : outputs) {
-    const std::string& name = model.config.output_names[0];
+  for (OutputMap& output : RunNetwork(model, images, seconds)) {
+    const std::string& name = model.engine.outputs[0];
     const std::size_t count = output[name].size();
     if (count == 0 || (!model.labels.empty() && count != model.labels.size())) {
       throw std::runtime_error(fmt::format("output \"{}\" has {} values, and there are {} labels",

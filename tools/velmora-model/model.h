@@ -4,11 +4,13 @@
 #include <velmora/plugin/network/base_network.h>
 
 #include <functional>
-#include <memory>
 #include <opencv2/core.hpp>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+#include "engines.h"
 
 namespace velmora::tool {
 
@@ -16,8 +18,6 @@ namespace velmora::tool {
 struct ModelError : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
-
-enum class Backend { kDnn, kIe };
 
 enum class Channels { kRgb, kBgr, kGray };
 
@@ -30,17 +30,24 @@ struct Model {
   cv::Scalar scale = cv::Scalar::all(1);
   std::vector<std::string> labels;  // "0", "1", … when the description has none
 
-  std::unique_ptr<plugin::network::BaseNetwork> network;
-  std::string engine;                                          // name and version
-  std::function<std::string()> device = [] { return "CPU"; };  // that the network is on now
+  Engine engine;
 };
 
 /// Throws ModelError when the description or the network cannot be loaded, and when the network
 /// does not run on an image as described or gives another number of values than there are labels.
-Model LoadModel(const std::string& path, Backend backend);
+Model LoadModel(const std::string& path, std::optional<Backend> backend);
 
-/// The probabilities of the labels, for each of the images, which are prepared ones; `*seconds` is
-/// the time of the network alone. Passes on what the engine throws.
+/// The model once for each of its forms, see MakeEveryEngine().
+std::vector<Model> LoadEveryForm(const std::string& path,
+                                 const std::function<void(const std::string&)>& left_out);
+
+/// All outputs for each of the images, which are prepared ones; `*seconds` is the time of the
+/// network alone. Passes on what the engine throws.
+std::vector<plugin::network::OutputMap> RunNetwork(const Model& model,
+                                                   const std::vector<cv::Mat>& images,
+                                                   double* seconds);
+
+/// The probabilities of the labels, as RunNetwork().
 std::vector<std::vector<float>> Forward(const Model& model, const std::vector<cv::Mat>& images,
                                         double* seconds);
 

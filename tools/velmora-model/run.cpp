@@ -197,8 +197,9 @@ int Run(const RunOptions& options) {
   std::optional<Table> table;
   Json::Value document;
   document["model"] = JsonText(model.name);
-  document["engine"] = model.engine;
-  document["device"] = model.device();
+  document["engine"] = model.engine.name;
+  document["device"] = model.engine.device();
+  document["why"] = model.engine.why;
   document["images"] = Json::arrayValue;
   std::size_t known = 0;
   std::size_t right = 0;
@@ -223,6 +224,7 @@ int Run(const RunOptions& options) {
       if (!options.json) {
         console.ClearProgress();
         if (!table) {
+          Print(EngineLines(model.engine) + "\n");
           table.emplace(images, model.labels, !truth.empty());
         }
         table->Add(result);

@@ -231,6 +231,10 @@ int Status(bool json) {
       engines["Inference Engine"].append("GPU");
     }
   }
+  engines["TensorFlow Lite"] = Json::arrayValue;
+  if (plugin::platform::IsSupportedTFLiteNetwork()) {
+    engines["TensorFlow Lite"].append("CPU");
+  }
   bool locked = false;
   {
     const TransLoading record;

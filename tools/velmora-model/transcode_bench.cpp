@@ -91,7 +91,7 @@ class Evening {
     }
   }
 
-  bool on_gpu() const { return model_.device() == "GPU"; }
+  bool on_gpu() const { return model_.engine.device() == "GPU"; }
   const std::vector<Phase>& phases() const { return phases_; }
   const std::vector<Switch>& switches() const { return switches_; }
   int lost() const { return lost_; }
@@ -99,7 +99,7 @@ class Evening {
 
  private:
   void Request() {
-    const std::string before = model_.device();
+    const std::string before = model_.engine.device();
     const Clock::time_point sent = Clock::now();
     try {
       double ignored = 0;
@@ -110,9 +110,9 @@ class Evening {
     }
     const std::chrono::duration<double, std::milli> latency = Clock::now() - sent;
     const std::chrono::duration<double> time = sent - start_;
-    phases_.back().samples.push_back({time.count(), latency.count(), model_.device()});
-    if (model_.device() != before) {
-      switches_.push_back({before, model_.device(), latency.count()});
+    phases_.back().samples.push_back({time.count(), latency.count(), model_.engine.device()});
+    if (model_.engine.device() != before) {
+      switches_.push_back({before, model_.engine.device(), latency.count()});
     }
     console_.ShowProgress(std::min(++requests_, expected_), expected_);
   }
@@ -151,7 +151,7 @@ std::string DevicesOf(const Phase& phase) {
 Json::Value ToJson(const Evening& evening, const Model& model) {
   Json::Value document;
   document["model"] = JsonText(model.name);
-  document["engine"] = model.engine;
+  document["engine"] = model.engine.name;
   document["gpu"] = plugin::platform::IsSupportedIENetworkGpu();
   document["lost"] = evening.lost();
   document["switches"] = Json::arrayValue;
@@ -203,7 +203,7 @@ int BenchTranscode(const BenchOptions& options) {
   Console console;
   cv::Mat noise(model.size, model.channels == Channels::kGray ? CV_8UC1 : CV_8UC3);
   cv::RNG(1).fill(noise, cv::RNG::UNIFORM, 0, 256);
-  const bool may_move = model.network->ShouldExitAfterShutdown();
+  const bool may_move = model.engine.network->ShouldExitAfterShutdown();
   if (!may_move) {
     console.Say("no GPU for this network here: the evening is played on the CPU");
   }

@@ -1,0 +1,37 @@
+// TensorFlow Lite's C API, as far as it is used: opaque handles and plain functions, the same since
+// 2.3. No package has its headers.
+#pragma once
+
+#include <cstdarg>
+#include <cstddef>
+#include <cstdint>
+
+extern "C" {
+struct TfLiteModel;
+struct TfLiteInterpreterOptions;
+struct TfLiteInterpreter;
+struct TfLiteTensor;
+using TfLiteReport = void (*)(void* user_data, const char* format, va_list arguments);
+TfLiteModel* TfLiteModelCreateFromFileWithErrorReporter(const char* path, TfLiteReport report,
+                                                        void* user_data);
+void TfLiteModelDelete(TfLiteModel* model);
+TfLiteInterpreterOptions* TfLiteInterpreterOptionsCreate();
+void TfLiteInterpreterOptionsDelete(TfLiteInterpreterOptions* options);
+void TfLiteInterpreterOptionsSetErrorReporter(TfLiteInterpreterOptions* options,
+                                              TfLiteReport report, void* user_data);
+TfLiteInterpreter* TfLiteInterpreterCreate(const TfLiteModel* model,
+                                           const TfLiteInterpreterOptions* options);
+void TfLiteInterpreterDelete(TfLiteInterpreter* interpreter);
+int TfLiteInterpreterAllocateTensors(TfLiteInterpreter* interpreter);
+int TfLiteInterpreterInvoke(TfLiteInterpreter* interpreter);
+std::int32_t TfLiteInterpreterGetInputTensorCount(const TfLiteInterpreter* interpreter);
+std::int32_t TfLiteInterpreterGetOutputTensorCount(const TfLiteInterpreter* interpreter);
+const int* TfLiteInterpreterInputTensorIndices(const TfLiteInterpreter* interpreter);
+const int* TfLiteInterpreterOutputTensorIndices(const TfLiteInterpreter* interpreter);
+TfLiteTensor* TfLiteInterpreterGetTensor(const TfLiteInterpreter* interpreter, int index);
+int TfLiteTensorType(const TfLiteTensor* tensor);
+std::int32_t TfLiteTensorNumDims(const TfLiteTensor* tensor);
+std::int32_t TfLiteTensorDim(const TfLiteTensor* tensor, std::int32_t index);
+std::size_t TfLiteTensorByteSize(const TfLiteTensor* tensor);
+void* TfLiteTensorData(const TfLiteTensor* tensor);
+}

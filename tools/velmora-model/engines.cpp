@@ -1,0 +1,213 @@
+#include "engines.h"
+
+#include <fmt/ranges.h>
+#include <velmora-plugin-platform/platform.h>
+#include <velmora/plugin/network/create_network.h>
+#include <velmora/plugin/network/dnn_network.h>
+#include <velmora/plugin/network/ie_network.h>
+#include <velmora/plugin/network/tf_lite_network.h>
+
+#include <stdexcept>
+
+#include "common.h"
+
+namespace velmora::tool {
+
+namespace {
+
+using plugin::network::BaseNetwork;
+using plugin::network::DnnNetwork;
+using plugin::network::IeNetwork;
+using plugin::network::NetworkConfig;
+using plugin::network::TfLiteNetwork;
+
+/// What there is to know of a backend without a network.
+struct Kind {
+  Backend backend;
+  const char* id;  // for --backend
+  const char* name;
+  const char* name_and_version;
+  const char* flag;
+  bool NetworkConfig::*enabled;
+  bool (*is_supported)();  // by the machine
+  const char* needs;
+  std::vector<std::string> (*files)(const NetworkConfig& config);  // empty when there is no form
+  std::unique_ptr<BaseNetwork> (*make)(const NetworkConfig& config);
+};
+
+template <typename Network>
+std::unique_ptr<BaseNetwork> Make(const NetworkConfig& config) {
+  return std::make_unique<Network>(config);
+}
+
+std::vector<std::string> WholeOrNone(const std::vector<std::string>& files) {
+  for (const std::string& file : files) {
+    if (file.empty()) {
+      return {};
+    }
+  }
+  return files;
+}
+
+std::vector<std::string> DnnFiles(const NetworkConfig& config) {
+  return config.dnn_binary_path.empty()
+             ? WholeOrNone({config.dnn_prototxt_path, config.dnn_caffemodel_path})
+             : std::vector{config.dnn_binary_path};
+}
+
+std::vector<std::string> CpuPair(const NetworkConfig& config) {
+  return WholeOrNone({config.ie_cpu_xml_path, config.ie_cpu_bin_path});
+}
+
+std::vector<std::string> GpuPair(const NetworkConfig& config) {
+  return WholeOrNone({config.ie_gpu_xml_path, config.ie_gpu_bin_path});
+}
+
+std::vector<std::string> TfLiteFiles(const NetworkConfig& config) {
+  return WholeOrNone({config.tflite_model_path});
+}
+
+/// In the order in which the factory asks.
+constexpr Kind kKinds[] = {
+    {Backend::kIe, "ie", "Inference Engine",
+     "Inference Engine (OpenVINO " VELMORA_OPENVINO_VERSION ")", "enable_ie",
+     &NetworkConfig::enable_ie, plugin::platform::IsSupportedIENetwork,
+     "ie_cpu_xml_path and ie_cpu_bin_path", CpuPair, Make<IeNetwork>},
+    {Backend::kTfLite, "tflite", "TensorFlow Lite",
+     "TensorFlow Lite " VELMORA_TENSORFLOW_LITE_VERSION, "enable_tflite",
+     &NetworkConfig::enable_tflite, plugin::platform::IsSupportedTFLiteNetwork, "tflite_model_path",
+     TfLiteFiles, Make<TfLiteNetwork>},
+    {Backend::kDnn, "dnn", "OpenCV dnn", "OpenCV dnn " CV_VERSION, "enable_dnn",
+     &NetworkConfig::enable_dnn, [] { return true; },
+     "dnn_binary_path, or dnn_prototxt_path and dnn_caffemodel_path", DnnFiles, Make<DnnNetwork>}};
+
+/// Calls `make` for a model in these files; a fault names the file.
+template <typename Make>
+std::unique_ptr<BaseNetwork> Load(const std::vector<std::string>& files, Make make) {
+  std::string at_fault;
+  try {
+    for (const std::string& file : files) {
+      at_fault = file;
+      CheckReadable(file);
+    }
+    at_fault = fmt::format("{}", fmt::join(files, ", "));
+    return make();
+  } catch (...) {
+    throw std::runtime_error(at_fault + ": " + CurrentFault());
+  }
+}
+
+/// Why an engine is not on the GPU.
+std::string WhyCpu(const NetworkConfig& config, const BaseNetwork& network) {
+  if (GpuPair(config).empty()) {
+    return "no GPU: the model has no such form";
+  }
+  return network.ShouldExitAfterShutdown()
+             ? "no GPU: a hardware transcode is using it"
+             : "no GPU: this machine has none that the engine can use";
+}
+
+Engine Describe(const Kind& kind, const NetworkConfig& config, std::unique_ptr<BaseNetwork> network,
+                std::vector<std::string> reasons) {
+  Engine engine;
+  engine.id = kind.id;
+  engine.name = kind.name_and_version;
+  engine.outputs = config.output_names;
+  if (kind.backend == Backend::kTfLite) {
+    engine.outputs = {"output"};  // the first, whatever it is called
+  }
+  if (const auto* const ie = dynamic_cast<const IeNetwork*>(network.get())) {
+    engine.device = [ie] { return ie->GetDevice(); };
+    if (engine.device() != "GPU") {
+      reasons.push_back(WhyCpu(config, *network));
+    }
+  }
+  engine.why = fmt::format("{}", fmt::join(reasons, "; "));
+  engine.network = std::move(network);
+  return engine;
+}
+
+const Kind& KindOf(Backend backend) {
+  for (const Kind& kind : kKinds) {
+    if (kind.backend == backend) {
+      return kind;
+    }
+  }
+  throw std::logic_error("no such backend");
+}
+
+Engine MakeNamed(const Kind& kind, const NetworkConfig& config) {
+  const std::vector<std::string> files = kind.files(config);
+  if (files.empty()) {
+    throw std::runtime_error(fmt::format("network needs {}", kind.needs));
+  }
+  return Describe(kind, config, Load(files, [&] { return kind.make(config); }), {});
+}
+
+/// Empty when the factory may take it.
+std::string WhyNot(const Kind& kind, const NetworkConfig& config) {
+  if (!kind.is_supported()) {
+    return "this machine does not support it";
+  }
+  if (kind.files(config).empty()) {
+    return "the model has no such form";
+  }
+  return config.*kind.enabled ? "" : fmt::format("network.{} is off", kind.flag);
+}
+
+}  // namespace
+
+std::string EngineLines(const Engine& engine) {
+  return fmt::format("engine      {}, {}\n{}", engine.name, engine.device(),
+                     engine.why.empty() ? "" : fmt::format("why         {}\n", engine.why));
+}
+
+Engine MakeEngine(const NetworkConfig& config, std::optional<Backend> backend) {
+  if (backend) {
+    return MakeNamed(KindOf(*backend), config);
+  }
+  // The factory knows the machine and the flags; which forms the model has is known here.
+  NetworkConfig with_forms = config;
+  std::vector<std::string> reasons;
+  for (const Kind& kind : kKinds) {
+    const std::string why_not = WhyNot(kind, config);
+    if (why_not.empty()) {
+      auto network = Load(kind.files(config), [&] {
+        return std::unique_ptr<BaseNetwork>(plugin::network::CreateNetwork(with_forms));
+      });
+      return Describe(kind, config, std::move(network), std::move(reasons));
+    }
+    with_forms.*kind.enabled = false;
+    reasons.push_back(fmt::format("no {}: {}", kind.name, why_not));
+  }
+  throw std::runtime_error(fmt::format("{}", fmt::join(reasons, "; ")));
+}
+
+std::vector<Engine> MakeEveryEngine(const NetworkConfig& config,
+                                    const std::function<void(const std::string&)>& left_out) {
+  std::vector<Engine> engines;
+  for (const Kind& kind : kKinds) {
+    if (kind.files(config).empty()) {
+      continue;
+    }
+    if (!kind.is_supported()) {
+      left_out(fmt::format("{}: this machine does not support it", kind.name));
+      continue;
+    }
+    NetworkConfig one = config;
+    one.ie_gpu_xml_path = one.ie_gpu_bin_path = "";
+    engines.push_back(MakeNamed(kind, one));
+    if (kind.backend == Backend::kIe && !GpuPair(config).empty()) {
+      // This pair whatever the device: the GPU may be in use, or there may be none.
+      NetworkConfig other = config;
+      other.ie_cpu_xml_path = config.ie_gpu_xml_path;
+      other.ie_cpu_bin_path = config.ie_gpu_bin_path;
+      engines.push_back(MakeNamed(kind, other));
+      engines.back().id = "ie-gpu";
+      engines[engines.size() - 2].id = "ie-cpu";
+    }
+  }
+  return engines;
+}
+
+}  // namespace velmora::tool

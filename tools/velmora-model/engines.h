@@ -1,0 +1,39 @@
+// The one place that knows the backends: which of them a model has a form for, which one is taken,
+// and why.
+#pragma once
+
+#include <velmora/plugin/network/base_network.h>
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace velmora::tool {
+
+enum class Backend { kDnn, kIe, kTfLite };
+
+/// A network and what there is to tell of it.
+struct Engine {
+  std::unique_ptr<plugin::network::BaseNetwork> network;
+  std::string id;    // short: "dnn", "ie", "tflite"; "ie-cpu" and "ie-gpu" for one pair of the two
+  std::string name;  // with the version
+  std::function<std::string()> device = [] { return "CPU"; };  // that the network is on now
+  std::string why;  // this engine and this device; empty when it is the first choice
+  std::vector<std::string> outputs;  // keys of the network's maps, in the order of output_names
+};
+
+/// Which engine, which device and why, for the user to read.
+std::string EngineLines(const Engine& engine);
+
+/// The network that the library's factory builds for this configuration, or one of `backend`.
+/// Throws std::runtime_error, with the files at fault, when there is none.
+Engine MakeEngine(const plugin::network::NetworkConfig& config, std::optional<Backend> backend);
+
+/// One engine for each form that the model has, whatever its flags say; the pairs of the Inference
+/// Engine count as two. `left_out` is told of a form whose engine this machine does not support.
+std::vector<Engine> MakeEveryEngine(const plugin::network::NetworkConfig& config,
+                                    const std::function<void(const std::string&)>& left_out);
+
+}  // namespace velmora::tool
