@@ -67,7 +67,9 @@ bool BindEntries(const fs::path& from, const fs::path& to, const char* left_out)
     } else {
       Write(target.c_str(), "");
     }
-    if (!Mount(entry.path().c_str(), target.c_str(), nullptr, MS_BIND | MS_REC)) {
+    // In /proc an entry may be gone by now, with its process.
+    if (!Mount(entry.path().c_str(), target.c_str(), nullptr, MS_BIND | MS_REC) &&
+        errno != ENOENT) {
       return false;
     }
   }
