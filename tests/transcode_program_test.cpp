@@ -122,6 +122,9 @@ TEST_F(TranscodeProgram, SlowBenchLosesNoRequestWhileTheGpuGoesAndComesBack) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
   GTEST_SKIP() << "the engine is loaded in a way that this sanitizer does not allow";
 #endif
+  if (!VELMORA_HAS_INFERENCE_ENGINE) {
+    GTEST_SKIP() << "built without OpenVINO";
+  }
   ASSERT_TRUE(PlaceFile("/var/packages/Velmora/target/models/.keep", ""));
   std::jthread reader([](const std::stop_token& stop) {  // or the log fills up
     while (!stop.stop_requested()) {
