@@ -1,4 +1,5 @@
 #include <gmock/gmock.h>
+#include <sys/stat.h>
 #include <velmora/plugin/network/tf_lite_network.h>
 
 #include <filesystem>
@@ -120,6 +121,10 @@ TEST_F(TfLiteNetworkTest, TellsWhatFailedAndLogsWhatWorked) {
   EXPECT_EQ("Failed to load model", ErrorOf([] { TfLiteNetwork network({}); }));
   EXPECT_EQ("Failed to load model", load(""));
   EXPECT_EQ("Failed to load model", load("12345678"));
+  ASSERT_EQ(0, mkfifo("fifo", 0600));
+  NetworkConfig fifo;
+  fifo.tflite_model_path = "fifo";
+  EXPECT_EQ("Failed to load model", ErrorOf([&] { TfLiteNetwork network(fifo); }));
   for (const char* const other : {"digits-cpu.xml", "digits-cpu.bin", "digits.caffemodel"}) {
     NetworkConfig config;
     config.tflite_model_path = test::SampleModel::Path(other);

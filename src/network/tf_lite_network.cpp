@@ -4,6 +4,8 @@
 
 #include <cstdint>
 #include <cstring>
+#include <filesystem>
+#include <system_error>
 
 #include "network/log.h"
 #include "tensorflow_lite/graph_verifier.h"
@@ -17,6 +19,11 @@ struct TfLiteNetwork::Engine {
 
 TfLiteNetwork::TfLiteNetwork(NetworkConfig config)
     : BaseNetwork(config), engine_(std::make_unique<Engine>()) {
+  // The engine would wait at a FIFO for ever.
+  std::error_code error;
+  if (!std::filesystem::is_regular_file(config_.tflite_model_path, error)) {
+    throw Exception("Failed to load model");
+  }
   tflite::ErrorReporter* const reporter = tflite::DefaultErrorReporter();
   // Verified, because the engine trusts what a file says of itself and would read where it points.
   compat::GraphVerifier verifier;
