@@ -12,6 +12,7 @@
 #include <random>
 
 #include "support/processes.h"
+#include "support/record.h"
 
 namespace fs = std::filesystem;
 using namespace LibReelhouse;
@@ -37,21 +38,6 @@ void* operator new(std::size_t size) {
 [[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
 
 namespace {
-
-const std::string record = "/tmp/Reelhouse/enabled";
-const std::string not_parsed = "11 json_utils.cpp:# Failed to parse json file [" + record + "]";
-const std::string not_loaded = "11 trans_loading.cpp:# ReadAndCheckAlive failed";
-const std::string not_written = "11 json_utils.cpp:# failed to write json file [" + record + "]";
-const std::string not_back =
-    "11 trans_loading.cpp:# VTE - Failed to write json file [" + record + "].";
-const std::string not_opened =
-    "14 trans_loading.cpp:# TransLoading - Failed to change file mode [" + record + "]";
-
-std::string Entry(int pid, bool hardware, bool offline = false) {
-  const auto text = [](bool flag) { return flag ? "true" : "false"; };
-  return "{\"PID\":" + std::to_string(pid) + ",\"hardware_transcode\":" + text(hardware) +
-         ",\"offline_conversion\":" + text(offline) + "}";
-}
 
 bool SetPlatform(const std::string& unique) {
   return PlaceFile("/etc.defaults/karvinfo.conf", "unique=" + unique + "\n");
@@ -216,7 +202,7 @@ TEST_F(TransLoadingTest, WithoutItsLockAnswersNoAndTouchesNothing) {
     ASSERT_EQ(0, fifo ? mkfifo(record.c_str(), 0600) : mkdir(record.c_str(), 0600));
     {
       TransLoading transaction;
-      EXPECT_EQ(Lines{"11 trans_loading.cpp:# TransLoading lock file failed"}, LogLines());
+      EXPECT_EQ(Lines{no_lock}, LogLines());
       EXPECT_FALSE(transaction.SaveTransPID(getpid(), true, true));
       EXPECT_FALSE(transaction.RemoveTransPIDLock(getpid()));
       EXPECT_FALSE(transaction.IsHardwareTranscoding());
@@ -230,48 +216,6 @@ TEST_F(TransLoadingTest, WithoutItsLockAnswersNoAndTouchesNothing) {
     EXPECT_EQ(Lines(), LogLines());
     fs::remove(record);
   }
-}
-
-TEST_F(TransLoadingTest, SurvivesCallsThatFail) {
-  ASSERT_EQ(0, mount("none", "/tmp/Reelhouse", "tmpfs", 0, "size=64k"));
-  const std::string live = "[" + Entry(getpid(), true) + "]\n";
-  const auto nothing = [] {};
-  const auto only_the_lock = [] { NoDescriptors(1); };
-  const auto full = [] { SetText("/tmp/Reelhouse/filler", std::string(100'000, ' ')); };
-  const auto read_only = [] {
-    EXPECT_EQ(0, unshare(CLONE_NEWNS));
-    const unsigned long flags = MS_REMOUNT | MS_BIND | MS_RDONLY;
-    EXPECT_EQ(0, mount(nullptr, "/tmp/Reelhouse", nullptr, flags, nullptr));
-  };
-  const struct {
-    std::function<void()> before;
-    std::string text;
-    int saved;  // entries
-    Lines lines;
-  } cases[] = {
-      {SomeoneElse, live, 0, {not_opened}},
-      {only_the_lock, live, 1, {not_loaded, not_written, not_back}},
-      {read_only, live, 1, {not_written, not_back, not_opened}},
-      // A short record fails as the file is closed, which nobody learns.
-      {full, "", 1, {not_parsed}},
-      {nothing, "", 1000, {not_parsed, not_written, not_back}},
-  };
-  for (const auto& row : cases) {
-    SCOPED_TRACE(&row - cases);
-    SetText(record, row.text);
-    chmod(record.c_str(), 0666);
-    const bool ran = InChild([&] {
-      row.before();
-      TransLoading transaction;
-      EXPECT_TRUE(transaction.IsLockSucess());
-      for (int i = 0; i < row.saved; ++i) {
-        EXPECT_TRUE(transaction.SaveTransPID(getpid(), false, false));
-      }
-    });
-    EXPECT_EQ(ran ? row.lines : Lines(), LogLines());
-    EXPECT_EQ(row.text, Text(record));
-  }
-  EXPECT_EQ(0, umount("/tmp/Reelhouse"));
 }
 
 TEST_F(TransLoadingTest, ThrowsNothingWhenMemoryRunsOut) {
