@@ -47,7 +47,7 @@ void OpenStream(Stream& stream, const std::string& path, std::ios::openmode mode
   const int fd = OpenFile(path.c_str(), flags, 0666);
   // A request of 1 KiB or more makes malloc tidy up all that JsonCpp has freed in small pieces, at
   // the price of several reads: a read buffer stays below. A write buffer has the standard size,
-  // because what fits into it is written, and fails, as the stream is closed.
+  // which decides what is short enough to be written, and to fail, only as the stream is closed.
   const std::size_t size = (mode & std::ios::out) != 0 ? BUFSIZ : 1000;
   try {
     __gnu_cxx::stdio_filebuf<char> buffer(fd, mode, size);
