@@ -1,0 +1,161 @@
+// A binary Caffe model: by itself, else as the weights of a description. What the reader lets
+// through goes on to OpenCV's importer, which must survive it.
+#include <google/protobuf/io/coded_stream.h>
+
+#include <algorithm>
+#include <opencv2/core/utils/logger.hpp>
+#include <random>
+#include <vector>
+
+#include "opencv/caffe_model.h"
+#include "protobuf_log.h"
+#include "support.h"
+
+using namespace velmora::fuzz;
+using namespace velmora::plugin::network;
+
+extern "C" std::size_t LLVMFuzzerMutate(std::uint8_t* data, std::size_t size, std::size_t max_size);
+
+namespace {
+
+constexpr char kDescription[] = R"(input: "d" input_dim: 1 input_dim: 1 input_dim: 2 input_dim: 2
+  layer { name: "c" type: "Convolution" bottom: "d" top: "c"
+    convolution_param { num_output: 2 kernel_size: 1 } }
+  layer { name: "i" type: "InnerProduct" bottom: "c" top: "i"
+    inner_product_param { num_output: 2 } })";
+
+// ---- changes that leave a message a message: a changed length would end the walk at once --------
+
+struct Field {
+  std::uint32_t tag = 0;
+  std::string content;  // bytes without their length; other types as they stand
+
+  bool holds_bytes() const { return (tag & 7) == 2; }
+};
+
+/// The fields of a message; none if the bytes are not one.
+std::vector<Field> Split(const std::string& bytes) {
+  google::protobuf::io::CodedInputStream in(reinterpret_cast<const std::uint8_t*>(bytes.data()),
+                                            static_cast<int>(bytes.size()));
+  std::vector<Field> fields;
+  while (in.CurrentPosition() < static_cast<int>(bytes.size())) {
+    Field& field = fields.emplace_back();
+    field.tag = in.ReadTag();
+    const int begin = in.CurrentPosition();
+    std::uint64_t number = 0;
+    int size = 0;
+    bool is_whole = false;
+    switch (field.tag & 7) {
+      case 0:
+        is_whole = in.ReadVarint64(&number);
+        field.content = bytes.substr(static_cast<std::size_t>(begin),
+                                     static_cast<std::size_t>(in.CurrentPosition() - begin));
+        break;
+      case 2:
+        is_whole = in.ReadVarintSizeAsInt(&size) && in.ReadString(&field.content, size);
+        break;
+      case 1:
+      case 5:
+        is_whole = in.ReadString(&field.content, (field.tag & 7) == 1 ? 8 : 4);
+        break;
+      default:
+        break;
+    }
+    if (!is_whole) {
+      return {};
+    }
+  }
+  return fields;
+}
+
+std::string Varint(std::uint64_t number) {
+  std::uint8_t bytes[10];
+  return {bytes, google::protobuf::io::CodedOutputStream::WriteVarint64ToArray(number, bytes)};
+}
+
+std::string Join(const std::vector<Field>& fields) {
+  std::string bytes;
+  for (const Field& field : fields) {
+    bytes += Varint(field.tag) + (field.holds_bytes() ? Varint(field.content.size()) : "") +
+             field.content;
+  }
+  return bytes;
+}
+
+std::string Mutate(std::string bytes, std::minstd_rand& random) {
+  std::vector<Field> fields = Split(bytes);
+  if (fields.empty() || random() % 8 == 0) {  // a text or a number, or taken for one
+    const std::size_t size = bytes.size();
+    bytes.resize(size + 8);
+    bytes.resize(
+        LLVMFuzzerMutate(reinterpret_cast<std::uint8_t*>(bytes.data()), size, bytes.size()));
+    return bytes;
+  }
+  const auto index = static_cast<std::ptrdiff_t>(random() % fields.size());
+  const auto other = static_cast<std::ptrdiff_t>(random() % fields.size());
+  Field& field = fields[static_cast<std::size_t>(index)];
+  switch (random() % 16) {
+    case 0:
+      fields.erase(fields.begin() + index);
+      break;
+    case 1:
+      fields.insert(fields.begin() + other, Field(field));
+      break;
+    case 2:
+      std::swap(field, fields[static_cast<std::size_t>(other)]);
+      break;
+    case 3:
+      field.tag = static_cast<std::uint32_t>(random() % 128 << 3) | (field.tag & 7);
+      break;
+    default:
+      if (field.holds_bytes()) {
+        field.content = Mutate(field.content, random);
+      } else if ((field.tag & 7) == 0) {
+        field.content =
+            Varint(random() % 2 == 0 ? random() % 40 : std::uint64_t{random()} << random() % 40);
+      } else {
+        field.content[random() % field.content.size()] = static_cast<char>(random());
+      }
+  }
+  return Join(fields);
+}
+
+}  // namespace
+
+extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t size,
+                                               std::size_t max_size, unsigned seed) {
+  std::minstd_rand random(seed);
+  std::string bytes(data, data + size);
+  if (random() % 8 == 0) {
+    return LLVMFuzzerMutate(data, size, max_size);
+  }
+  bytes = Mutate(std::move(bytes), random).substr(0, max_size);
+  std::copy(bytes.begin(), bytes.end(), data);
+  return bytes.size();
+}
+
+/// OpenCV forgets a blob when it refuses a model half-way.
+extern "C" const char* __lsan_default_suppressions() { return "leak:libopencv_dnn.so"; }
+
+extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
+  velmora::compat::SilenceProtobuf();
+  ::cv::utils::logging::setLogLevel(::cv::utils::logging::LOG_LEVEL_SILENT);
+  ::cv::redirectError([](int, const char*, const char*, const char*, int, void*) { return 0; });
+  ::cv::setNumThreads(1);
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  static const MemoryFile model;
+  static const MemoryFile description;
+  model.Set(data, size);
+  try {
+    if (compat::ReadCaffeBinary(model.path()).empty()) {
+      description.Set(reinterpret_cast<const std::uint8_t*>(kDescription), sizeof kDescription - 1);
+      compat::ReadCaffePair(description.path(), model.path());
+    }
+  } catch (const ::cv::Exception&) {
+    // Refused by OpenCV.
+  }
+  return 0;
+}
