@@ -134,9 +134,6 @@ extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t s
   return bytes.size();
 }
 
-/// OpenCV forgets a blob when it refuses a model half-way.
-extern "C" const char* __lsan_default_suppressions() { return "leak:libopencv_dnn.so"; }
-
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
   velmora::compat::SilenceProtobuf();
   ::cv::utils::logging::setLogLevel(::cv::utils::logging::LOG_LEVEL_SILENT);

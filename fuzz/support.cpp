@@ -78,3 +78,8 @@ extern "C" void syslog(int /*priority*/, const char* format, ...) {
   va_end(arguments);
   ++velmora::fuzz::log_lines;
 }
+
+/// OpenCV forgets a blob when it refuses a model half-way, and TensorFlow Lite keeps one byte.
+extern "C" const char* __lsan_default_suppressions() {
+  return "leak:libopencv_dnn.so\nleak:libjnitensorflowlite.so";
+}

@@ -39,6 +39,23 @@ std::unique_ptr<BaseNetwork> Create(const NetworkConfig& config, const std::stri
   return std::unique_ptr<BaseNetwork>(CreateNetwork(config));
 }
 
+/// The first letter of the backend that the factory builds, x for none. One that the library is
+/// built without is known by the error of its constructor.
+char Chosen(const NetworkConfig& config, const std::string& platform) {
+  try {
+    const std::unique_ptr<BaseNetwork> network = Create(config, platform);
+    return dynamic_cast<DnnNetwork*>(network.get()) != nullptr      ? 'd'
+           : dynamic_cast<IeNetwork*>(network.get()) != nullptr     ? 'i'
+           : dynamic_cast<TfLiteNetwork*>(network.get()) != nullptr ? 't'
+                                                                    : '?';
+  } catch (const Exception& exception) {
+    return exception.message == "Network not support any framework"                        ? 'x'
+           : !VELMORA_HAS_INFERENCE_ENGINE && exception.message.starts_with("[IeNetwork]") ? 'i'
+           : !VELMORA_HAS_TENSORFLOW_LITE && exception.message == "Failed to load model"   ? 't'
+                                                                                           : '?';
+  }
+}
+
 class CreateNetworkTest : public testing::Test {
  protected:
   void SetUp() override { NEED_OWN_NAMESPACE(); }
@@ -52,23 +69,17 @@ TEST_F(CreateNetworkTest, AsksTheMachineFirstAndTheFlagsSecond) {
   for (const auto& [platform, row] : table) {
     for (unsigned flags = 0; flags < row.size(); ++flags) {
       SCOPED_TRACE(std::string(platform) + " " + std::to_string(flags));
+#ifdef __SANITIZE_THREAD__  // which does not see how the engine's threads agree
+      if (row[flags] == 'i') continue;
+#endif
       NetworkConfig config = Sample();
       config.enable_dnn = (flags & 1U) != 0;
       config.enable_tflite = (flags & 2U) != 0;
       config.enable_ie = (flags & 4U) != 0;
-      std::unique_ptr<BaseNetwork> network;
-      std::string error;
-      try {
-        network = Create(config, platform);
-      } catch (const Exception& exception) {
-        error = exception.message;
-      }
-      EXPECT_EQ(row[flags] == 'x' ? "Network not support any framework" : "", error);
-      EXPECT_EQ(row[flags] == 'd', dynamic_cast<DnnNetwork*>(network.get()) != nullptr);
-      EXPECT_EQ(row[flags] == 'i', dynamic_cast<IeNetwork*>(network.get()) != nullptr);
-      EXPECT_EQ(row[flags] == 't', dynamic_cast<TfLiteNetwork*>(network.get()) != nullptr);
-      // The last one is the IeNetwork's own question.
-      EXPECT_EQ(row[flags] == 'i' ? "ie gpu" : "ie tflite", TakeQuestions());
+      EXPECT_EQ(row[flags], Chosen(config, platform));
+      const std::string asked = TakeQuestions();
+      // An IeNetwork has a question of its own.
+      EXPECT_EQ(row[flags] == 'i' ? "ie" : "ie tflite", asked.substr(0, asked.find(" gpu")));
     }
   }
 }
