@@ -2,7 +2,9 @@
 
 #include <flatbuffers/flatbuffers.h>
 
+#include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <vector>
 
 namespace velmora::plugin::network::compat {
@@ -16,11 +18,18 @@ using Tables = Vector<Offset<Table>>;
 using Indices = Vector<std::int32_t>;
 
 // Fields of the format's tables by number, as its schema (version 3) has them.
-enum ModelField { kSubgraphs = 2, kBuffers = 4 };
+enum ModelField { kOperatorCodes = 1, kSubgraphs = 2, kBuffers = 4 };
+enum CodeField { kOldCode = 0, kCode = 3 };
 enum SubgraphField { kTensors = 0, kInputs = 1, kOutputs = 2, kOperators = 3 };
-enum TensorField { kTensorBuffer = 2, kIsVariable = 5 };
+enum TensorField { kShape = 0, kTensorBuffer = 2, kIsVariable = 5 };
 enum BufferField { kData = 0, kOffset = 1 };
-enum OperatorField { kOpInputs = 1, kOpOutputs = 2, kOptionsType = 3, kOptions = 4 };
+enum OperatorField {
+  kOpcodeIndex = 0,
+  kOpInputs = 1,
+  kOpOutputs = 2,
+  kOptionsType = 3,
+  kOptions = 4
+};
 
 constexpr flatbuffers::voffset_t Place(int field) {
   return static_cast<flatbuffers::voffset_t>(4 + 2 * field);
@@ -51,25 +60,128 @@ const std::vector<Geometry>& Geometries() {
   return all;
 }
 
-bool IsSound(const Table& step) {
-  const auto type = step.GetField<std::uint8_t>(Place(kOptionsType), 0);
-  for (const auto& [options_type, fields, least_inputs] : Geometries()) {
-    const Table* const options = step.GetPointer<const Table*>(Place(kOptions));
-    if (type != options_type || options == nullptr) {
-      continue;
-    }
-    for (const int field : fields) {
-      const auto value = options->GetField<std::int32_t>(Place(field), 1);
-      if (value < 1 || value > INT16_MAX) {
-        return false;
-      }
-    }
-    if (VectorOf<Indices>(step, kOpInputs).size() < least_inputs) {
+/// Operators that take sizes as the values of an input: which input, and the least of them.
+struct Sizes {
+  std::int32_t code;
+  flatbuffers::uoffset_t input;
+  std::int32_t least;
+};
+
+constexpr std::int32_t kTransposeConv = 67;
+constexpr Sizes kSizes[] = {
+    {23, 1, 1},              // RESIZE_BILINEAR: height and width
+    {34, 1, 0},              // PAD: before and after, by axis
+    {60, 1, 0},              // PADV2
+    {kTransposeConv, 0, 1},  // the shape of its output
+    {69, 1, 1},              // TILE: times, by axis
+    {94, 0, 0},              // FILL: shape
+    {97, 1, 1},              // RESIZE_NEAREST_NEIGHBOR
+    {100, 1, 0},             // MIRROR_PAD
+    {130, 1, 0},             // BROADCAST_TO: shape
+};
+
+bool AreSound(const Table& options, const std::vector<int>& fields) {
+  for (const int field : fields) {
+    const auto value = options.GetField<std::int32_t>(Place(field), 1);
+    if (value < 1 || value > INT16_MAX) {
       return false;
     }
   }
   return true;
 }
+
+/// What one graph is looked at with.
+class Graph {
+ public:
+  Graph(const Table& model, const Table& graph)
+      : codes_(VectorOf<Tables>(model, kOperatorCodes)),
+        buffers_(VectorOf<Tables>(model, kBuffers)),
+        tensors_(VectorOf<Tables>(graph, kTensors)) {}
+
+  bool IsSound(const Table& step) const {
+    const auto type = step.GetField<std::uint8_t>(Place(kOptionsType), 0);
+    const Table* const options = step.GetPointer<const Table*>(Place(kOptions));
+    const Indices& inputs = VectorOf<Indices>(step, kOpInputs);
+    for (const auto& [options_type, fields, least_inputs] : Geometries()) {
+      if (type == options_type && options != nullptr &&
+          (!AreSound(*options, fields) || inputs.size() < least_inputs)) {
+        return false;
+      }
+    }
+    const std::int32_t code = CodeOf(step);
+    for (const Sizes& sizes : kSizes) {
+      if (code == sizes.code && !AreSizes(inputs, sizes)) {
+        return false;
+      }
+    }
+    return code != kTransposeConv || options == nullptr || FitsItsInput(inputs, *options);
+  }
+
+ private:
+  std::int32_t CodeOf(const Table& step) const {
+    const auto index = step.GetField<std::uint32_t>(Place(kOpcodeIndex), 0);
+    if (index >= codes_.size()) {
+      return -1;  // refused by the engine
+    }
+    // The old field has one byte, and 127 there leads to the other.
+    return std::max<std::int32_t>(codes_[index]->GetField<std::int8_t>(Place(kOldCode), 0),
+                                  codes_[index]->GetField<std::int32_t>(Place(kCode), 0));
+  }
+
+  /// The values of a constant of 32-bit integers; none for any other tensor.
+  std::vector<std::int32_t> Constant(const Indices& inputs, flatbuffers::uoffset_t i) const {
+    const Table* const tensor = Tensor(inputs, i);
+    const auto buffer =
+        tensor == nullptr ? 0 : tensor->GetField<std::uint32_t>(Place(kTensorBuffer), 0);
+    if (buffer >= buffers_.size()) {
+      return {};
+    }
+    const auto& data = VectorOf<Vector<std::uint8_t>>(*buffers_[buffer], kData);
+    std::vector<std::int32_t> values(data.size() / sizeof(std::int32_t));
+    std::memcpy(values.data(), data.data(), values.size() * sizeof(std::int32_t));
+    return values;
+  }
+
+  const Table* Tensor(const Indices& inputs, flatbuffers::uoffset_t i) const {
+    return i < inputs.size() && static_cast<std::size_t>(inputs[i]) < tensors_.size()
+               ? tensors_[static_cast<flatbuffers::uoffset_t>(inputs[i])]
+               : nullptr;
+  }
+
+  bool AreSizes(const Indices& inputs, const Sizes& sizes) const {
+    const std::vector<std::int32_t> values = Constant(inputs, sizes.input);
+    return std::all_of(values.begin(), values.end(), [&](std::int32_t value) {
+      return value >= sizes.least && value <= INT16_MAX;
+    });
+  }
+
+  /// A transposed convolution is told the size of its output, of which the rest follows.
+  bool FitsItsInput(const Indices& inputs, const Table& options) const {
+    const std::vector<std::int32_t> output = Constant(inputs, 0);
+    const Table* const weights = Tensor(inputs, 1);
+    const Table* const input = Tensor(inputs, 2);
+    if (output.size() != 4 || weights == nullptr || input == nullptr) {
+      return true;
+    }
+    const Indices& kernel = VectorOf<Indices>(*weights, kShape);
+    const Indices& size = VectorOf<Indices>(*input, kShape);
+    if (kernel.size() != 4 || size.size() != 4) {
+      return false;
+    }
+    for (const int axis : {1, 2}) {
+      const auto at = static_cast<flatbuffers::uoffset_t>(axis);
+      const auto stride = options.GetField<std::int32_t>(Place(axis == 1 ? 2 : 1), 1);
+      if (output[at] > std::int64_t{size[at]} * stride + kernel[at]) {
+        return false;
+      }
+    }
+    return true;
+  }
+
+  const Tables& codes_;
+  const Tables& buffers_;
+  const Tables& tensors_;
+};
 
 /// Which tensors of a graph have a value.
 class Values {
@@ -116,18 +228,19 @@ class Values {
   std::vector<bool> known_;
 };
 
-bool Verify(const Table& graph, const Tables& buffers) {
-  Values values(VectorOf<Tables>(graph, kTensors), buffers);
-  if (!values.Set(VectorOf<Indices>(graph, kInputs))) {
+bool Verify(const Table& model, const Table& table) {
+  const Graph graph(model, table);
+  Values values(VectorOf<Tables>(table, kTensors), VectorOf<Tables>(model, kBuffers));
+  if (!values.Set(VectorOf<Indices>(table, kInputs))) {
     return false;
   }
-  for (const Table* const step : VectorOf<Tables>(graph, kOperators)) {
-    if (!IsSound(*step) || !values.AreKnown(VectorOf<Indices>(*step, kOpInputs)) ||
+  for (const Table* const step : VectorOf<Tables>(table, kOperators)) {
+    if (!graph.IsSound(*step) || !values.AreKnown(VectorOf<Indices>(*step, kOpInputs)) ||
         !values.Set(VectorOf<Indices>(*step, kOpOutputs))) {
       return false;
     }
   }
-  return values.AreKnown(VectorOf<Indices>(graph, kOutputs));
+  return values.AreKnown(VectorOf<Indices>(table, kOutputs));
 }
 
 }  // namespace
@@ -135,7 +248,7 @@ bool Verify(const Table& graph, const Tables& buffers) {
 bool GraphVerifier::Verify(const char* data, int /*length*/, tflite::ErrorReporter* /*reporter*/) {
   const Table& model = *flatbuffers::GetRoot<Table>(data);
   for (const Table* const graph : VectorOf<Tables>(model, kSubgraphs)) {
-    if (!compat::Verify(*graph, VectorOf<Tables>(model, kBuffers))) {
+    if (!compat::Verify(model, *graph)) {
       return false;
     }
   }

@@ -12,6 +12,8 @@ namespace velmora::plugin::network::compat {
 ///   graph,
 ///     or an output of one operator, and an operator reads what those before it made;
 ///   - the steps, dilations and windows of convolutions and poolings are 1 to 32767;
+///   - sizes that an operator takes as the values of a constant are at most 32767, and that of a
+///     transposed convolution's output is one that its input can fill;
 ///   - a convolution that takes no bias says so by an index of -1.
 /// To be called for a file that the engine has verified; docs/hostile-models.md says what the
 /// engine does with the others, and what is left.
