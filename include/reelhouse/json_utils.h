@@ -1,3 +1,16 @@
+/// \file
+/// Whole JSON documents from and to files.
+///
+/// All four functions return false for any failure and throw nothing, whatever the file holds: a
+/// document that the parser refuses or gives up on (more than 1,000 levels of nesting, for example)
+/// does not parse. Failures are written to syslog, except that a file that cannot be opened for
+/// reading is not. An empty path is a failure that touches no file.
+///
+/// `root` belongs to the caller. After a failed read it holds whatever the parser left there.
+///
+/// The functions keep no state and may be called from any thread at once, on different `root`s.
+///
+/// A FIFO is never opened, so that nothing here waits for a process at its other end.
 #pragma once
 
 #include <json/value.h>
@@ -6,19 +19,6 @@
 #include <string>
 
 namespace LibReelhouse {
-
-// Whole JSON documents from and to files.
-//
-// All four functions return false for any failure and throw nothing, whatever the file holds: a
-// document that the parser refuses or gives up on (more than 1,000 levels of nesting, for example)
-// does not parse. Failures are written to syslog, except that a file that cannot be opened for
-// reading is not. An empty path is a failure that touches no file.
-//
-// `root` belongs to the caller. After a failed read it holds whatever the parser left there.
-//
-// The functions keep no state and may be called from any thread at once, on different `root`s.
-//
-// A FIFO is never opened, so that nothing here waits for a process at its other end.
 
 /// Reads the file under a shared lock, flock(2), on the file itself: waits for a WriteJsonToFile()
 /// of the same file and so sees the old or the new document, never a part of one. A file that

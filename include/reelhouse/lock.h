@@ -4,6 +4,8 @@
 
 #include <string>
 
+/// The video service's locks, JSON files and transcoding record. Nothing in it throws for a
+/// failure: a failure is a result, and mostly a line in syslog.
 namespace LibReelhouse {
 
 /// A named lock between processes: an exclusive advisory lock, flock(2), on a file that exists for

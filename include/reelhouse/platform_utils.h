@@ -4,6 +4,7 @@
 
 #include <string>
 
+/// The video service's view of the machine.
 namespace librh::util {
 
 /// Which appliance this is, and what it can do for transcoding.
@@ -27,8 +28,10 @@ class VELMORA_EXPORT PlatformUtils {
   /// What the constructor does.
   void GetPlatformAndModelName();
 
-  /// The codename, such as "apollolake", and the model; empty when unknown.
+  /// The codename, such as "apollolake"; empty when unknown. Valid as long as the object.
   const std::string& GetPlatform() const { return platform; }
+
+  /// The model, such as "vb52s"; empty when unknown. Valid as long as the object.
   const std::string& GetModel() const { return model; }
 
   /// First line of "/proc/karv_platform" as it stands; "" where that cannot be opened.
@@ -49,27 +52,35 @@ class VELMORA_EXPORT PlatformUtils {
   /// Always empty: callers use their own default.
   std::string GetGstreamerPath();
 
-  bool IsEvansport();
-  bool IsBraswell();
-  bool IsMonaco();
-  bool IsApolloLake();
-  bool IsGeminiLake();
+  bool IsEvansport();   ///< The platform is "evansport".
+  bool IsBraswell();    ///< The platform is "braswell".
+  bool IsMonaco();      ///< The platform is "monaco".
+  bool IsApolloLake();  ///< The platform is "apollolake".
+  bool IsGeminiLake();  ///< The platform is "geminilake".
 
   /// True where media acceleration is VA-API.
   bool IsSupportVaapi();
 
-  bool IsRTD1296();
+  bool IsRTD1296();  ///< The platform is "rtd1296".
 
-  /// True where the hardware codec is driven through OMX: some models of one platform.
+  /// True where the hardware codec is driven through OMX: the models vb31, vb52, vb52s, vb74 and
+  /// qb9 of the platform "rtd1296".
   bool IsSupportOMX();
 
   /// True where there is a hardware transcoder at all, switched on or not.
   bool IsSupportHWTranscode();
 
+  /// True where the transcoder is a GStreamer pipeline: "monaco", and where the codec is driven
+  /// through OMX.
   bool IsSupportGstreamer();
-  bool IsAlpine();
+
+  bool IsAlpine();  ///< The platform is "alpine" or "alpine4k".
+
+  /// True where the transcoder is tuned as for "avoton": on that platform, and on those whose names
+  /// begin with "broadwell" or "grantley".
   bool IsAvotonProfile();
-  bool IsFFmpeg2();
+
+  bool IsFFmpeg2();  ///< The platform is "evansport", "rtd1296" or "monaco".
 
   /// True where there is a hardware transcoder and the user has not switched it off in
   /// "/var/packages/Reelhouse/etc/advanced.conf", a JSON object with the boolean

@@ -8,6 +8,7 @@
 #include <unordered_map>
 #include <vector>
 
+/// Neural networks on images, whatever engine the machine has.
 namespace velmora::plugin::network {
 
 /// The result of one image: output name to that output's values, flat, in the output's own memory
@@ -18,11 +19,17 @@ using OutputMap = std::unordered_map<std::string, std::vector<float>>;
 /// this type. Exceptions of the engines and of the standard library pass through as they are.
 class VELMORA_EXPORT Exception {
  public:
+  /// An error with this text.
   explicit Exception(std::string text);
+
+  /// @{
+  /// Copies and moves the text; an assigned exception loses its own.
   Exception(const Exception& other);
   Exception(Exception&& other) noexcept;
   Exception& operator=(const Exception& other);
   Exception& operator=(Exception&& other) noexcept;
+  /// @}
+
   ~Exception();
 
   /// Fixed English text.
@@ -61,6 +68,7 @@ class VELMORA_EXPORT BaseNetwork {
   virtual bool ShouldExitAfterShutdown() const;
 
  protected:
+  /// The copy that was made at construction; no operation changes it.
   NetworkConfig config_;
 };
 

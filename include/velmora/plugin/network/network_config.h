@@ -13,9 +13,15 @@ namespace velmora::plugin::network {
 /// own fields and ignores the others. Paths are passed to the engines as they are, so a relative
 /// one is relative to the process's working directory.
 struct VELMORA_EXPORT NetworkConfig {
+  /// Nothing enabled, no files, all numbers 0.
   NetworkConfig() = default;
+
+  /// Copies every field.
   NetworkConfig(const NetworkConfig& other);
+
+  /// Copies every field.
   NetworkConfig& operator=(const NetworkConfig& other) = default;
+
   ~NetworkConfig();
 
   /// Names of the network outputs to collect, in the order in which they are read; they are the
@@ -40,13 +46,18 @@ struct VELMORA_EXPORT NetworkConfig {
   /// The Inference Engine backend may be used.
   bool enable_ie = false;
 
-  /// Inference Engine model for the CPU: description (.xml) and weights (.bin). Always needed by
-  /// IeNetwork, because the CPU is the device that it falls back to.
+  /// Inference Engine model for the CPU: description (.xml). Both files for the CPU are needed by
+  /// every IeNetwork, because the CPU is the device that it falls back to.
   std::string ie_cpu_xml_path;
+
+  /// Its weights (.bin).
   std::string ie_cpu_bin_path;
 
-  /// Inference Engine model for the GPU. The GPU is considered only when both are set.
+  /// Inference Engine model for the GPU: description (.xml). The GPU is considered only when this
+  /// and ie_gpu_bin_path are set.
   std::string ie_gpu_xml_path;
+
+  /// Its weights (.bin).
   std::string ie_gpu_bin_path;
 
   /// The TensorFlow Lite backend may be used.
@@ -55,9 +66,11 @@ struct VELMORA_EXPORT NetworkConfig {
   /// TensorFlow Lite flatbuffer model.
   std::string tflite_model_path;
 
-  /// Input size in pixels that the Inference Engine network is reshaped to, when both are not 0;
-  /// otherwise the model's own size stays.
+  /// Width in pixels that the Inference Engine network is reshaped to, together with input_height.
+  /// When either is 0, the model's own size stays.
   std::uint32_t input_width = 0;
+
+  /// Height in pixels; see input_width.
   std::uint32_t input_height = 0;
 
   /// Number of images in one inference of the Inference Engine; must be at least 1 there.
