@@ -1,0 +1,69 @@
+"""Runs what the documents tell to run: run_docs.py BUILD-FOLDER PROGRAM COMPILER
+
+In README.md, CONTRIBUTING.md and docs/*.md, a block fenced as
+  sh       is run in the source folder, with the program in PATH and this build for build/release;
+  cpp      is compiled, unless it goes into a file;
+  console  is not run, and the comment before it, <!-- not run: why -->, says why.
+After <!-- file: NAME --> a block is written into that file, for the commands behind it.
+A command may not hide in a block without any of these."""
+
+import os
+import re
+import subprocess
+import sys
+import tempfile
+from pathlib import Path
+
+SOURCE = Path(__file__).resolve().parents[2]
+BUILD, PROGRAM, COMPILER = sys.argv[1:]
+BLOCK = re.compile(r"(?:<!-- ([^\n]*) -->\n)?^```([a-z]*)\n(.*?)^```$", re.M | re.S)
+COMMAND = re.compile(r"^(?:    )?(?:scripts/|cmake |ctest |g\+\+ |velmora-model |apt)", re.M)
+environment = os.environ | {"PATH": f"{Path(PROGRAM).parent}:{os.environ['PATH']}"}
+ran = []
+faults = []
+
+
+def run(place, command, text=None):
+    ran.append(place)
+    done = subprocess.run(command, cwd=SOURCE, env=environment, text=True, input=text, timeout=300,
+                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+    if done.returncode != 0:
+        faults.append(f"{place}: status {done.returncode}\n{done.stdout}")
+
+
+def compile_only(place, text):
+    with tempfile.TemporaryDirectory() as folder:
+        run(place, [COMPILER, "-std=c++20", "-Wall", "-Wextra", "-Werror", "-Iinclude",
+                    "-isystem/usr/include/opencv4", "-isystem/usr/include/jsoncpp", "-x", "c++",
+                    "-c", "-o", f"{folder}/block.o", "-"], text)
+
+
+documents = [SOURCE / "README.md", SOURCE / "CONTRIBUTING.md", *sorted(SOURCE.glob("docs/*.md"))]
+for document in documents:
+    content = document.read_text()
+    for found in BLOCK.finditer(content):
+        comment, kind, text = found.groups()
+        place = f"{document.relative_to(SOURCE)}:{content.count(chr(10), 0, found.start(2)) + 1}"
+        text = text.replace("build/release", os.path.relpath(BUILD, SOURCE))
+        if comment and comment.startswith("file: "):
+            file = SOURCE / comment.removeprefix("file: ")
+            file.parent.mkdir(exist_ok=True)
+            file.write_text(text)
+        elif kind == "sh":
+            run(place, ["bash", "-euo", "pipefail", "-c", text])
+        elif kind == "cpp":
+            compile_only(place, text)
+        elif kind == "console" and not (comment or "").startswith("not run: "):
+            faults.append(f"{place}: no reason why this is not run")
+        elif kind == "" and COMMAND.search(text):
+            faults.append(f"{place}: a command that nothing runs")
+    for found in re.finditer(r"^    \S.*", BLOCK.sub("", content), re.M):
+        if COMMAND.match(found[0]):
+            faults.append(f"{document.relative_to(SOURCE)}: nothing runs {found[0].strip()}")
+    for link in re.findall(r"\]\(([^)#:]+)(?:#[^)]*)?\)", content):
+        if not (document.parent / link).exists():
+            faults.append(f"{document.relative_to(SOURCE)}: no {link}")
+
+assert len(ran) > 5, "the documents have lost their commands"
+print("\n".join(faults) or f"{len(ran)} blocks ran: {', '.join(ran)}")
+sys.exit(1 if faults else 0)
