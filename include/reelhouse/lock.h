@@ -37,7 +37,7 @@ class VELMORA_EXPORT Lock {
   /// waited for: it cannot be opened.
   bool LockFile();
 
-  /// True while the lock is held.
+  /// True while the lock is held. The spelling stays: hosts link to this name.
   bool IsLockSucess() const;
 
   /// Releases the lock before the object ends. Harmless when nothing is held; there is no way to

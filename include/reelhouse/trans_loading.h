@@ -48,7 +48,8 @@ class VELMORA_EXPORT TransLoading : public Lock {
   /// True when a process transcodes with hardware now. Needs the lock.
   bool IsHardwareTranscoding() const;
 
-  /// True when an offline conversion runs now. Needs the lock.
+  /// True when an offline conversion runs now. Needs the lock. The spelling stays: hosts link to
+  /// this name.
   bool IsOffineConverting() const;
 
   /// True when one more transcode of that kind stays within the machine's limit. An entry without a

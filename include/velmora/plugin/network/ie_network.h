@@ -18,7 +18,12 @@ namespace velmora::plugin::network {
 /// as loading it. One object is used by one thread at a time.
 ///
 /// An image is H x W x C continuous 32-bit floats of the network's size, channels interleaved; more
-/// values than the input takes are passed over. An output is returned whole, in its own order.
+/// values than the input takes are passed over; fewer, and values of another type, are an
+/// Exception. The input that is fed is the first by name, and must take N x C x H x W. An output is
+/// returned whole, in its own order.
+///
+/// A move between the devices can fail: the inference that wanted it then throws what the
+/// constructor would, and later ones run where the network was.
 ///
 /// Constructing one sets the environment variable OCL_ICD_VENDORS of the process. Besides
 /// Exception, the operations throw the engine's exceptions unchanged.
@@ -26,7 +31,9 @@ class VELMORA_EXPORT IeNetwork : public BaseNetwork {
  public:
   /// Loads the model. The GPU is considered when the machine has one that the engine can use, and
   /// both of ie_gpu_xml_path and ie_gpu_bin_path are set. Throws Exception
-  /// "[IeNetwork] Init network failed" when the device cannot load the model.
+  /// "[IeNetwork] Init network failed" when the device cannot load the model, and others for a
+  /// model without inputs, a batch size of 0, and a size for an input of fewer than four
+  /// dimensions. A file that cannot be read is the engine's exception.
   explicit IeNetwork(NetworkConfig config);
   ~IeNetwork() override;
 
