@@ -3,7 +3,8 @@
 In README.md, CONTRIBUTING.md and docs/*.md, a block fenced as
   sh       is run in the source folder, with the program in PATH and this build for build/release;
   cpp      is compiled, unless it goes into a file;
-  console  is not run, and the comment before it, <!-- not run: why -->, says why.
+  python   is run;
+  console  is not run, and the comment before it, <!-- not run: why -->, says why, as it may of python.
 After <!-- file: NAME --> a block is written into that file, for the commands behind it.
 A command may not hide in a block without any of these."""
 
@@ -53,7 +54,11 @@ for document in documents:
             run(place, ["bash", "-euo", "pipefail", "-c", text])
         elif kind == "cpp":
             compile_only(place, text)
-        elif kind == "console" and not (comment or "").startswith("not run: "):
+        elif kind in ("python", "console") and (comment or "").startswith("not run: "):
+            continue
+        elif kind == "python":
+            run(place, [sys.executable, "-"], text)
+        elif kind == "console":
             faults.append(f"{place}: no reason why this is not run")
         elif kind == "" and COMMAND.search(text):
             faults.append(f"{place}: a command that nothing runs")
