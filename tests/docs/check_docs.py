@@ -18,7 +18,7 @@ def help_of(*command):
 def commands(*parent):
     """Every command that takes arguments of its own, with its help text."""
     text = help_of(*parent)
-    below = re.search(r"^Subcommands:\n((?: .*\n)+)", text, re.M)
+    below = re.search(r"^Subcommands:\n((?: .*\n)+)", text, re.M | re.I)
     if not below:
         return {" ".join(parent): text}
     found = {"": text} if not parent else {}
@@ -32,14 +32,16 @@ def compare(what, said, written):
         faults.append(f"{what}: {thing} is only in " + ("--help" if thing in said else "the man page"))
 
 
-# The man page: its commands, their options with value and default, examples and exit statuses.
+# The man page: its commands, their options with value and default, examples and exit statuses. How
+# --help is laid out depends on the version of CLI11; 2.1 and 2.6 were tried.
 said = commands()
 description, _, rest = PAGE.partition(".Sh DESCRIPTION\n")[2].partition("\n.Sh ")
 parts = re.split(r"^\.Ss (.*)\n", description, flags=re.M)
 written = {"": parts[0]} | dict(zip(parts[1::2], parts[2::2]))
 compare("commands", set(said), set(written))
 for name in set(said) & set(written):
-    options = re.findall(r"^  (?:-\w,)?(--\S+)( [A-Z]+)? +(?:.*?\[(\d+)\]$)?", said[name], re.M)
+    options = [(option, value, "".join(re.findall(r"\[(\d+)\]", text))) for option, value, text in
+               re.findall(r"^ +(?:-\w, *)?(--\S+)( [A-Z]+)? +(.*\n(?: {20,}.*\n)*)", said[name], re.M)]
     items = re.findall(r"^\.It (?:Fl \w , -|Fl -)(\S+)(?: Ar (\S+))?\n((?:(?!\.It|\.El).*\n)*)",
                        written[name], re.M)
     defaults = [re.search(r"default is (\d+)", text) for *_, text in items]
@@ -50,10 +52,11 @@ for name in set(said) & set(written):
              for (option, value, _), default in zip(items, defaults)})
 plain = re.sub(r"^\.\w+ ?", "", PAGE, flags=re.M).replace("\n", " ")
 for text in said.values():
-    for line in re.findall(r"^  (velmora-model .*)", text, re.M):
-        if line not in plain:
+    for line in re.findall(r"^ *(velmora-model .*\S)", text, re.M):
+        if "[OPTIONS]" not in line and line not in plain:
             faults.append(f"example not in the man page: {line}")
-    for status, meaning in re.findall(r"^  (\d)  (.*)", text, re.M):
+    statuses = "".join(re.split(r"Exit status: *\n", text)[1:])
+    for status, meaning in re.findall(r"^ *(\d) +(.*\S)", statuses, re.M):
         if f"{status} {meaning} " not in plain:
             faults.append(f"exit status not in the man page: {status}  {meaning}")
 
