@@ -71,8 +71,9 @@ class IeNetworkTest : public testing::Test {
   void SetUp() override {
     NEED_OWN_NAMESPACE();
     TakeSyslog();
-    // The model cache's folder; without it each load logs a line.
+    // The model cache's folder, an empty one; without it each load logs a line.
     ASSERT_TRUE(test::PlaceFile("/var/packages/Velmora/target/models/.keep", ""));
+    ASSERT_EQ(0, mount("none", "/var/packages/Velmora/target/models", "tmpfs", 0, nullptr));
     std::filesystem::current_path("/tmp");
   }
 };
@@ -390,6 +391,17 @@ TEST_F(IeNetworkTest, LoadsWithoutItsCacheAndSaysSo) {
   }
   EXPECT_EQ(1U, lines_about_cache());
   EXPECT_EQ(0U, lines_about_cache());  // mended
+
+  // What cannot be read at all, such as another user's files; root reads those, but no folders.
+  std::vector<fs::path> files;
+  for (const fs::directory_entry& file : fs::directory_iterator(kCache)) {
+    files.push_back(file);
+  }
+  for (const fs::path& file : files) {
+    fs::remove(file);
+    fs::create_directory(file);
+  }
+  EXPECT_EQ(1U, lines_about_cache());
 
   ASSERT_EQ(0, mount("none", kCache, "tmpfs", 0, "size=4k"));
   std::ofstream(std::string(kCache) + "/fill") << std::string(8192, 'x');

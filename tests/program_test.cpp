@@ -233,6 +233,7 @@ TEST_F(Program, BadInputIsOneLineAndTheOthersAreDone) {
   for (const Case& bad : wrong_usage) {
     expect(2, {"run", kModel}, bad);
   }
+  expect(2, {"bench", kModel}, {{"--transcode", "1", "--batch", "2"}, "--batch"});
   const Case not_loaded[] = {
       {{"gone.json"}, "gone.json: No such file"},
       {{Write("a.json", "{\n \"name\": \n")}, "a.json: is not JSON: Line 3"},

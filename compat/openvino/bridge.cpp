@@ -230,9 +230,21 @@ ExecutableNetwork Core::LoadNetwork(const CNNNetwork& network, const std::string
   if (device == "CPU") {
     properties.insert(ov::hint::inference_precision(ov::element::f32));
   }
+  const std::shared_ptr<ov::Model> model = conversion.build();
   const std::set<std::string> cached = FilesIn(impl_->cache);
-  const ov::CompiledModel compiled =
-      impl_->core.compile_model(conversion.build(), device, properties);
+  ov::CompiledModel compiled;
+  try {
+    compiled = impl_->core.compile_model(model, device, properties);
+  } catch (const std::exception&) {
+    if (impl_->cache.empty()) {
+      throw;
+    }
+    // A file there that may not be read is an error to the engine.
+    impl_->core.set_property(ov::cache_dir(""));
+    compiled = impl_->core.compile_model(model, device, properties);
+    LogNoCache(impl_->cache, "a file in it cannot be used");
+    impl_->cache.clear();
+  }
   // A model that neither came from the cache nor went into it: what is there is damaged, or nothing
   // can be written there. The engine itself says nothing.
   if (!impl_->cache.empty() && !compiled.get_property(ov::loaded_from_cache) &&

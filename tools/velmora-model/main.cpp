@@ -267,6 +267,13 @@ int RunProgram(std::vector<std::string> arguments) {
     return Compare(compare);
   }
   if (bench_command->parsed()) {
+    const bool measures_runs = bench_command->count("--iterations") > 0 ||
+                               bench_command->count("--warmup") > 0 ||
+                               bench_command->count("--batch") > 0 || !bench.images.empty();
+    if (bench.transcode > 0 && measures_runs) {
+      Console().Say("--transcode takes no images and no --iterations, --warmup or --batch");
+      return kWrongUsage;
+    }
     return bench.transcode > 0 ? BenchTranscode(bench) : Bench(bench);
   }
   return status_command->parsed() ? Status(status_json) : Transcode(transcode);

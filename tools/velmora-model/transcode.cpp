@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <stdexcept>
 #include <string>
@@ -109,7 +110,10 @@ int Add(const TranscodeOptions& options) {
   if (std::none_of(entries.begin(), entries.end(), [&options](const Json::Value& entry) {
         return entry["PID"].asInt() == options.pid;
       })) {
-    throw std::runtime_error(fmt::format("{}: no such process", options.pid));
+    throw std::runtime_error(
+        std::filesystem::exists(fmt::format("/proc/{}", options.pid))
+            ? std::string("the transcoding record could not be written; syslog may say more")
+            : fmt::format("{}: no such process", options.pid));
   }
   return kDone;
 }
