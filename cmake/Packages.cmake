@@ -1,0 +1,44 @@
+# Debian packages, one for each component: cpack --config build/release/CPackConfig.cmake
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/packages)
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_PACKAGE_CONTACT "velmora-plugin-model developers <velmora-plugin-model@localhost>")
+set(CPACK_STRIP_FILES ON)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_COMPONENTS_ALL runtime development program)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+# What a package needs is asked of its files; what these packages have of each other is said below.
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS
+  ${PROJECT_BINARY_DIR}/src ${PROJECT_BINARY_DIR}/platform)
+if(brought_openvino)
+  list(APPEND CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${engines}/openvino/openvino/libs)
+endif()
+if(brought_tensorflow_lite)
+  list(APPEND CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${engines}/tensorflow-lite)
+endif()
+
+set(library libvelmora-plugin-model${PROJECT_VERSION_MAJOR})
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${library})
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
+set(CPACK_COMPONENT_RUNTIME_DESCRIPTION
+  "The library, with the engines that Debian does not have.")
+# Not generated, because that would offer the engines to others, too.
+file(WRITE ${PROJECT_BINARY_DIR}/shlibs
+  "libvelmora-plugin-model ${PROJECT_VERSION_MAJOR} ${library} (>= ${PROJECT_VERSION})\n")
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/shlibs)
+
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libvelmora-plugin-model-dev)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
+  "${library} (= ${PROJECT_VERSION}), libopencv-dev, libjsoncpp-dev")
+set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "The library's headers, for CMake and pkg-config.")
+
+set(CPACK_DEBIAN_PROGRAM_PACKAGE_NAME velmora-model)
+set(CPACK_DEBIAN_PROGRAM_PACKAGE_SECTION utils)
+set(CPACK_DEBIAN_PROGRAM_PACKAGE_DEPENDS "${library} (= ${PROJECT_VERSION})")
+set(CPACK_COMPONENT_PROGRAM_DESCRIPTION
+  "The program that runs, measures and compares the engines, with a sample model.")
+
+include(CPack)
