@@ -100,8 +100,8 @@ class Graph {
 
   bool IsSound(const Table& step) const {
     const auto type = step.GetField<std::uint8_t>(Place(kOptionsType), 0);
-    const Table* const options = step.GetPointer<const Table*>(Place(kOptions));
-    const Indices& inputs = VectorOf<Indices>(step, kOpInputs);
+    const auto* const options = step.GetPointer<const Table*>(Place(kOptions));
+    const auto& inputs = VectorOf<Indices>(step, kOpInputs);
     for (const auto& [options_type, fields, least_inputs] : Geometries()) {
       if (type == options_type && options != nullptr &&
           (!AreSound(*options, fields) || inputs.size() < least_inputs)) {
@@ -163,8 +163,8 @@ class Graph {
     if (output.size() != 4 || weights == nullptr || input == nullptr) {
       return true;
     }
-    const Indices& kernel = VectorOf<Indices>(*weights, kShape);
-    const Indices& size = VectorOf<Indices>(*input, kShape);
+    const auto& kernel = VectorOf<Indices>(*weights, kShape);
+    const auto& size = VectorOf<Indices>(*input, kShape);
     if (kernel.size() != 4 || size.size() != 4) {
       return false;
     }
