@@ -197,6 +197,10 @@ TEST_F(JsonUtilsTest, ALockIsFreeAtOnceWhenItsHolderIsKilledThoughATranscoderLiv
   });
   pid_t transcoder = -1;
   ASSERT_EQ(ssize_t{sizeof transcoder}, read(ends[0], &transcoder, sizeof transcoder));
+  // posix_spawn() may return before the new program is there, and the descriptors of the old gone.
+  while (Text("/proc/" + std::to_string(transcoder) + "/comm") != "sleep\n") {
+    usleep(100);
+  }
   EXPECT_FALSE(Lock("./lock", false).IsLockSucess());
   kill(holder, SIGKILL);
   EXPECT_EQ(-SIGKILL, EndOf(holder));
