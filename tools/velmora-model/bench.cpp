@@ -1,11 +1,15 @@
 #include <fmt/format.h>
 #include <json/json.h>
 #include <sys/utsname.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
+#include <ctime>
 #include <fstream>
 #include <numeric>
+#include <set>
 #include <thread>
 
 #include "commands.h"
@@ -38,6 +42,26 @@ std::string CpuModel(const utsname& system) {
     }
   }
   return system.machine;  // not every architecture names its model
+}
+
+Json::UInt64 ResidentKib() {
+  Json::UInt64 pages = 0;
+  std::ifstream file("/proc/self/statm");
+  file >> pages >> pages;
+  return pages * static_cast<Json::UInt64>(sysconf(_SC_PAGESIZE)) / 1024;
+}
+
+/// Shared objects that are mapped.
+Json::UInt64 Libraries() {
+  std::set<std::string> paths;
+  std::ifstream file("/proc/self/maps");
+  for (std::string line; std::getline(file, line);) {
+    if (const std::size_t path = line.find('/');
+        path != std::string::npos && line.find(".so", path) != std::string::npos) {
+      paths.insert(line.substr(path));
+    }
+  }
+  return paths.size();
 }
 
 std::vector<cv::Mat> PrepareInput(const BenchOptions& options, const Model& model,
@@ -91,7 +115,14 @@ double Percentile(const std::vector<double>& sorted, double percent) {
 }  // namespace
 
 int Bench(const BenchOptions& options) {
-  const Model model = LoadModel(options.model, options.backend);
+  using Clock = std::chrono::steady_clock;
+  using Milliseconds = std::chrono::duration<double, std::milli>;
+  Json::Value memory;
+  memory["resident_kib_before"] = ResidentKib();
+  const Clock::time_point load_start = Clock::now();
+  Model model = LoadModel(options.model, options.backend);
+  const Milliseconds load = Clock::now() - load_start;
+  memory["after_load"] = ResidentKib();
   Console console;
   if (!kOptimised) {
     console.Say("warning: this is not an optimised build: its times mean little");
@@ -101,12 +132,16 @@ int Bench(const BenchOptions& options) {
     return kNotAllDone;
   }
   std::vector<double> latencies;
+  const Clock::time_point start = Clock::now();
+  const std::clock_t processor_start = std::clock();
   try {
     latencies = Measure(options, model, input, &console);
   } catch (...) {
     console.Fault(options.model, CurrentFault());
     return kNotAllDone;
   }
+  const double processor = static_cast<double>(std::clock() - processor_start) / CLOCKS_PER_SEC;
+  const double busy_cores = processor * 1000 / Milliseconds(Clock::now() - start).count();
   const double sum = std::accumulate(latencies.begin(), latencies.end(), 0.0);
   const double images = static_cast<double>(latencies.size()) * options.batch;
   const double images_per_second = images / sum * 1000;
@@ -134,6 +169,9 @@ int Bench(const BenchOptions& options) {
     document["latency_ms"][name] = milliseconds;
   }
   document["images_per_second"] = images_per_second;
+  document["busy_cores"] = busy_cores;
+  document["load_ms"] = load.count();
+  document["libraries"] = Libraries();
   Json::Value& machine = document["machine"];
   machine["cpu"] = JsonText(CpuModel(system));
   machine["cores"] = std::thread::hardware_concurrency();
@@ -144,6 +182,9 @@ int Bench(const BenchOptions& options) {
   build["compiler"] = kCompiler;
   build["optimised"] = kOptimised;
   if (options.json) {
+    model.engine.network.reset();
+    memory["after_delete"] = ResidentKib();
+    document["memory"] = memory;
     PrintJson(document);
     return console.any_fault() ? kNotAllDone : kDone;
   }
