@@ -8,10 +8,11 @@
 
 #include <cstdio>
 #include <fstream>
-#include <opencv2/dnn.hpp>
+#include <opencv2/core.hpp>
 #include <string>
 #include <vector>
 
+#include "by_hand_dnn.h"
 #include "interleaved.h"
 #include "scratch_folder.h"
 #include "support/caffe_writer.h"
@@ -20,7 +21,6 @@ namespace {
 
 using velmora::plugin::network::DnnNetwork;
 using velmora::plugin::network::NetworkConfig;
-using velmora::plugin::network::OutputMap;
 using velmora::test::CaffeBlob;
 using velmora::test::CaffeModel;
 using velmora::test::MakeCaffeModel;
@@ -98,34 +98,19 @@ NetworkConfig TinySize() {
   return model.Classifier(10);
 }
 
-std::vector<OutputMap> ForwardByHand(cv::dnn::Net& net, const std::vector<cv::String>& names,
-                                     const cv::Mat& image) {
-  net.setInput(cv::dnn::blobFromImage(image), "data");
-  std::vector<cv::Mat> outputs;
-  net.forward(outputs, names);
-  std::vector<OutputMap> results(1);
-  for (std::size_t i = 0; i < names.size(); ++i) {
-    const auto* const values = outputs[i].ptr<float>();
-    results[0][names[i]] = std::vector<float>(values, values + outputs[i].total());
-  }
-  return results;
-}
-
 void Forward(benchmark::State& state, const NetworkConfig& config, int size) {
   DnnNetwork network(config);
-  cv::dnn::Net net =
-      cv::dnn::readNetFromCaffe(config.dnn_prototxt_path, config.dnn_caffemodel_path);
-  const std::vector<cv::String> names(config.output_names.begin(), config.output_names.end());
+  ByHand by_hand("benchmark");
   cv::Mat image(size, size, CV_32FC3);
   cv::randu(image, -1, 1);
-  if (network.Forward(image) != ForwardByHand(net, names, image)[0]) {
+  if (network.Forward(image) != by_hand.Forward(image)) {
     state.SkipWithError("the two sides compute different values");
   }
 
   Interleaved times(2);
   for (auto _ : state) {
     times.Run({[&] { benchmark::DoNotOptimize(network.Forward(image)); },
-               [&] { benchmark::DoNotOptimize(ForwardByHand(net, names, image)); }});
+               [&] { benchmark::DoNotOptimize(by_hand.Forward(image)); }});
     state.SetIterationTime(times.LastSeconds(0));
   }
   state.counters["library_ms"] = times.Median(0) * 1e3;

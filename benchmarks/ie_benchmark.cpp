@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "by_hand_ie.h"
 #include "interleaved.h"
 #include "network/interleave.h"
 #include "scratch_folder.h"
@@ -37,7 +38,6 @@ namespace ops = ov::opset8;
 using velmora::plugin::network::IeNetwork;
 using velmora::plugin::network::InterleavedToPlanes;
 using velmora::plugin::network::NetworkConfig;
-using velmora::plugin::network::OutputMap;
 
 // ---- the copy ----------------------------------------------------------------------------------
 
@@ -158,51 +158,6 @@ NetworkConfig MobileNetSize(std::uint32_t batch) {
   return model.Classifier(1000, "ie-benchmark", batch);
 }
 
-constexpr char kCache[] = "/var/packages/Velmora/target/models/openvino_cache";
-
-/// The engine's own API, told the same as the library tells it.
-class ByHand {
- public:
-  ByHand(const NetworkConfig& config, const std::string& device) {
-    ov::Core core;
-    core.set_property(ov::cache_dir(kCache));
-    const auto model = core.read_model(config.ie_cpu_xml_path, config.ie_cpu_bin_path);
-    ov::Shape shape = model->input().get_shape();
-    shape[0] = config.batch_size;
-    model->reshape(ov::PartialShape(shape));
-    ov::AnyMap properties;
-    if (device == "CPU") {
-      properties.insert(ov::hint::inference_precision(ov::element::f32));
-    }
-    request_ = core.compile_model(model, device, properties).create_infer_request();
-  }
-
-  std::vector<OutputMap> Forward(const std::vector<cv::Mat>& images) {
-    ov::Tensor input = request_.get_input_tensor();
-    const std::size_t pixels = images[0].total();
-    for (std::size_t n = 0; n < images.size(); ++n) {
-      std::vector<cv::Mat> planes;
-      for (std::size_t c = 0; c < 3; ++c) {
-        planes.emplace_back(images[n].rows, images[n].cols, CV_32F,
-                            input.data<float>() + (3 * n + c) * pixels);
-      }
-      cv::split(images[n], planes);
-    }
-    request_.infer();
-    const ov::Tensor output = request_.get_output_tensor();
-    const std::size_t count = output.get_size() / images.size();
-    std::vector<OutputMap> results(images.size());
-    for (std::size_t n = 0; n < images.size(); ++n) {
-      const float* const values = output.data<float>() + n * count;
-      results[n]["prob"] = std::vector<float>(values, values + count);
-    }
-    return results;
-  }
-
- private:
-  ov::InferRequest request_;
-};
-
 void Forward(benchmark::State& state, const std::string& device) {
   const auto batch = static_cast<std::uint32_t>(state.range(0));
   const NetworkConfig config = MobileNetSize(batch);
@@ -212,7 +167,7 @@ void Forward(benchmark::State& state, const std::string& device) {
     return;
   }
   IeNetwork network(config);
-  ByHand by_hand(config, device);
+  ByHand by_hand("ie-benchmark", device, batch);
   std::vector<cv::Mat> images(batch);
   for (cv::Mat& image : images) {
     image.create(224, 224, CV_32FC3);
@@ -246,7 +201,7 @@ void Load(benchmark::State& state) {
   Interleaved times(2);
   for (auto _ : state) {
     times.Run(
-        {[&] { const IeNetwork network(config); }, [&] { const ByHand by_hand(config, "CPU"); }});
+        {[&] { const IeNetwork network(config); }, [&] { const ByHand by_hand("ie-benchmark"); }});
     state.SetIterationTime(times.LastSeconds(0));
   }
   state.counters["library_ms"] = times.Median(0) * 1e3;

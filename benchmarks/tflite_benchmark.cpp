@@ -5,19 +5,17 @@
 #include <velmora/plugin/network/tf_lite_network.h>
 
 #include <cstdio>
-#include <cstring>
 #include <fstream>
 #include <random>
 
+#include "by_hand_tflite.h"
 #include "interleaved.h"
 #include "scratch_folder.h"
 #include "support/tflite_writer.h"
-#include "tensorflow_lite/c_api.h"
 
 namespace {
 
 using velmora::plugin::network::NetworkConfig;
-using velmora::plugin::network::OutputMap;
 using velmora::plugin::network::TfLiteNetwork;
 using velmora::test::TfLiteWriter;
 
@@ -103,45 +101,10 @@ NetworkConfig MobileNetSize() {
   return config;
 }
 
-void Ignore(void* /*user_data*/, const char* /*format*/, va_list /*arguments*/) {}
-
-class ByHand {
- public:
-  explicit ByHand(const NetworkConfig& config)
-      : model_(TfLiteModelCreateFromFileWithErrorReporter(config.tflite_model_path.c_str(), Ignore,
-                                                          nullptr)) {
-    TfLiteInterpreterOptions* const options = TfLiteInterpreterOptionsCreate();
-    interpreter_ = TfLiteInterpreterCreate(model_, options);
-    TfLiteInterpreterOptionsDelete(options);
-    TfLiteInterpreterAllocateTensors(interpreter_);
-  }
-  ByHand(const ByHand&) = delete;
-  ByHand& operator=(const ByHand&) = delete;
-  ~ByHand() {
-    TfLiteInterpreterDelete(interpreter_);
-    TfLiteModelDelete(model_);
-  }
-
-  OutputMap Forward(const cv::Mat& image) {
-    TfLiteTensor* const input = TfLiteInterpreterGetTensor(
-        interpreter_, TfLiteInterpreterInputTensorIndices(interpreter_)[0]);
-    std::memcpy(TfLiteTensorData(input), image.data, TfLiteTensorByteSize(input));
-    TfLiteInterpreterInvoke(interpreter_);
-    const TfLiteTensor* const output = TfLiteInterpreterGetTensor(
-        interpreter_, TfLiteInterpreterOutputTensorIndices(interpreter_)[0]);
-    const auto* const values = static_cast<const float*>(TfLiteTensorData(output));
-    return {{"output", std::vector<float>(values, values + TfLiteTensorDim(output, 1))}};
-  }
-
- private:
-  TfLiteModel* model_;
-  TfLiteInterpreter* interpreter_;
-};
-
 void Forward(benchmark::State& state) {
   const NetworkConfig config = MobileNetSize();
   TfLiteNetwork network(config);
-  ByHand by_hand(config);
+  ByHand by_hand("benchmark");
   cv::Mat image(224, 224, CV_32FC3);
   cv::randu(image, -1, 1);
   if (network.Forward(image) != by_hand.Forward(image)) {

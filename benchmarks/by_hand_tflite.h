@@ -1,0 +1,46 @@
+// What TfLiteNetwork does, written by hand on the engine's own C API.
+#pragma once
+
+#include <cstring>
+#include <opencv2/core.hpp>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "tensorflow_lite/c_api.h"
+
+inline void Ignore(void* /*user_data*/, const char* /*format*/, va_list /*arguments*/) {}
+
+/// The network of NAME.tflite.
+class ByHand {
+ public:
+  explicit ByHand(const std::string& name)
+      : model_(TfLiteModelCreateFromFileWithErrorReporter((name + ".tflite").c_str(), Ignore,
+                                                          nullptr)) {
+    TfLiteInterpreterOptions* const options = TfLiteInterpreterOptionsCreate();
+    interpreter_ = TfLiteInterpreterCreate(model_, options);
+    TfLiteInterpreterOptionsDelete(options);
+    TfLiteInterpreterAllocateTensors(interpreter_);
+  }
+  ByHand(const ByHand&) = delete;
+  ByHand& operator=(const ByHand&) = delete;
+  ~ByHand() {
+    TfLiteInterpreterDelete(interpreter_);
+    TfLiteModelDelete(model_);
+  }
+
+  std::unordered_map<std::string, std::vector<float>> Forward(const cv::Mat& image) {
+    TfLiteTensor* const input = TfLiteInterpreterGetTensor(
+        interpreter_, TfLiteInterpreterInputTensorIndices(interpreter_)[0]);
+    std::memcpy(TfLiteTensorData(input), image.data, TfLiteTensorByteSize(input));
+    TfLiteInterpreterInvoke(interpreter_);
+    const TfLiteTensor* const output = TfLiteInterpreterGetTensor(
+        interpreter_, TfLiteInterpreterOutputTensorIndices(interpreter_)[0]);
+    const auto* const values = static_cast<const float*>(TfLiteTensorData(output));
+    return {{"output", std::vector<float>(values, values + TfLiteTensorDim(output, 1))}};
+  }
+
+ private:
+  TfLiteModel* model_;
+  TfLiteInterpreter* interpreter_;
+};
