@@ -3,8 +3,8 @@ random weights, and the sample model's form for ONNX Runtime, whose other forms 
 
     python benchmarks/mobilenet.py FOLDER
 
-FOLDER gets mobilenet.{prototxt,caffemodel,xml,bin,tflite,onnx}, model.json, noise.png to run it on,
-and digits.onnx. Needs the packages of requirements.txt.
+FOLDER gets mobilenet.{prototxt,caffemodel,xml,bin,tflite,onnx}; model.json, and moving.json for a
+network that may use a GPU; noise.png to run it on; digits.onnx. Needs the packages of requirements.txt.
 """
 
 import json
@@ -173,13 +173,15 @@ def write_description(folder):
     forms = {f"{key}_path": f"mobilenet.{form}" for key, form in (
         ("dnn_prototxt", "prototxt"), ("dnn_caffemodel", "caffemodel"), ("ie_cpu_xml", "xml"),
         ("ie_cpu_bin", "bin"), ("tflite_model", "tflite"))}
-    (folder / "model.json").write_text(json.dumps({
-        "name": "MobileNet's size",
-        "network": {"output_names": ["prob"], "enable_dnn": True, "enable_ie": True,
-                    "enable_tflite": True, "batch_size": 1, **forms},
-        "image": {"width": SIZE, "height": SIZE, "channels": "rgb", "mean": [127.5] * 3,
-                  "scale": [1 / 128] * 3},
-    }, indent=2) + "\n")
+    gpu = {"ie_gpu_xml_path": "mobilenet.xml", "ie_gpu_bin_path": "mobilenet.bin"}
+    for file, more in (("model.json", {}), ("moving.json", gpu)):
+        (folder / file).write_text(json.dumps({
+            "name": "MobileNet's size",
+            "network": {"output_names": ["prob"], "enable_dnn": True, "enable_ie": True,
+                        "enable_tflite": True, "batch_size": 1, **forms, **more},
+            "image": {"width": SIZE, "height": SIZE, "channels": "rgb", "mean": [127.5] * 3,
+                      "scale": [1 / 128] * 3},
+        }, indent=2) + "\n")
 
 
 def check_onnx(file, xml):
