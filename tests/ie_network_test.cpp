@@ -219,6 +219,17 @@ TEST_F(IeNetworkTest, FeedsTheFirstInputAndNamesOutputsByTheirLayers) {
   EXPECT_ANY_THROW(IeNetwork(config).Forward(Ramp(2, 2, 3)));
 }
 
+TEST_F(IeNetworkTest, TakesAndGivesFloatsWhateverTheModelHas) {
+  const auto half =
+      std::make_shared<ov::opset8::Parameter>(ov::element::f16, ov::Shape{1, 1, 2, 2});
+  half->set_friendly_name("half");
+  const auto sum = std::make_shared<ov::opset8::Add>(half, half);
+  sum->set_friendly_name("out");
+  NetworkConfig config = Scale(1);
+  Write("cpu", {sum}, {half});
+  EXPECT_EQ((std::vector<float>{0, 2, 4, 6}), IeNetwork(config).Forward(Ramp(2, 2, 1)).at("out"));
+}
+
 TEST_F(IeNetworkTest, RefusesWhatWouldReadOrWriteBeyondMemory) {
   const auto refused = [](const std::function<void()>& call) {
     try {

@@ -167,6 +167,10 @@ CNNNetwork::InputShapes CNNNetwork::getInputShapes() const {
 }
 
 void CNNNetwork::reshape(const InputShapes& shapes) {
+  // Not for nothing: the engine goes through the whole network.
+  if (!impl_->model->is_dynamic() && shapes == getInputShapes()) {
+    return;
+  }
   std::map<std::size_t, ov::PartialShape> ports;
   for (const auto& [name, shape] : shapes) {
     ports[impl_->names.inputs.at(name).index] = ov::Shape(shape);
@@ -215,22 +219,30 @@ CNNNetwork Core::ReadNetwork(const std::string& model_path, const std::string& w
 ExecutableNetwork Core::LoadNetwork(const CNNNetwork& network, const std::string& device,
                                     const std::map<std::string, std::string>& /*config*/) {
   const Names& names = network.impl_->names;
-  ov::preprocess::PrePostProcessor conversion(network.impl_->model);
+  std::shared_ptr<ov::Model> model = network.impl_->model;
+  ov::preprocess::PrePostProcessor conversion(model);
+  bool converts = false;
   for (const auto& [name, port] : names.inputs) {
-    if (port.info->getPrecision() == Precision::FP32) {
+    if (port.info->getPrecision() == Precision::FP32 &&
+        model->input(port.index).get_element_type() != ov::element::f32) {
       conversion.input(port.index).tensor().set_element_type(ov::element::f32);
+      converts = true;
     }
   }
   for (const auto& [name, port] : names.outputs) {
-    if (port.info->getPrecision() == Precision::FP32) {
+    if (port.info->getPrecision() == Precision::FP32 &&
+        model->output(port.index).get_element_type() != ov::element::f32) {
       conversion.output(port.index).tensor().set_element_type(ov::element::f32);
+      converts = true;
     }
+  }
+  if (converts) {
+    model = conversion.build();
   }
   ov::AnyMap properties;
   if (device == "CPU") {
     properties.insert(ov::hint::inference_precision(ov::element::f32));
   }
-  const std::shared_ptr<ov::Model> model = conversion.build();
   const std::set<std::string> cached = FilesIn(impl_->cache);
   ov::CompiledModel compiled;
   try {
