@@ -49,9 +49,10 @@ void Add(const std::vector<float>& a, const std::vector<float>& b, Difference* d
                                          difference->b));
   }
   for (std::size_t i = 0; i < a.size(); ++i) {
-    const std::ptrdiff_t not_finite = std::isfinite(a[i]) + std::isfinite(b[i]) - 2;
-    if (not_finite != 0) {
-      difference->not_finite += static_cast<std::size_t>(-not_finite);
+    const std::size_t not_finite =
+        (std::isfinite(a[i]) ? 0U : 1U) + (std::isfinite(b[i]) ? 0U : 1U);
+    if (not_finite > 0) {
+      difference->not_finite += not_finite;
       continue;
     }
     const double distance = std::abs(double{a[i]} - double{b[i]});
