@@ -138,7 +138,9 @@ class Graph {
     }
     const auto& data = VectorOf<Vector<std::uint8_t>>(*buffers_[buffer], kData);
     std::vector<std::int32_t> values(data.size() / sizeof(std::int32_t));
-    std::memcpy(values.data(), data.data(), values.size() * sizeof(std::int32_t));
+    if (!values.empty()) {
+      std::memcpy(values.data(), data.data(), values.size() * sizeof(std::int32_t));
+    }
     return values;
   }
 
