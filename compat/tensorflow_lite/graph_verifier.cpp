@@ -43,6 +43,8 @@ const T& VectorOf(const Table& table, int field) {
   return vector != nullptr ? *vector : *reinterpret_cast<const T*>(&nothing);
 }
 
+constexpr std::uint8_t kTransposeConvOptions = 49;
+
 /// Options that the engine divides by or multiplies with: which fields of which table.
 struct Geometry {
   std::uint8_t options_type;
@@ -52,10 +54,10 @@ struct Geometry {
 
 const std::vector<Geometry>& Geometries() {
   static const std::vector<Geometry> all = {
-      {1, {1, 2, 4, 5}, 3},  // Conv2DOptions: strides, dilations
-      {2, {1, 2, 5, 6}, 3},  // DepthwiseConv2DOptions: strides, dilations
-      {5, {1, 2, 3, 4}, 1},  // Pool2DOptions: strides, windows
-      {49, {1, 2}, 3},       // TransposeConvOptions: strides
+      {1, {1, 2, 4, 5}, 3},                // Conv2DOptions: strides, dilations
+      {2, {1, 2, 5, 6}, 3},                // DepthwiseConv2DOptions: strides, dilations
+      {5, {1, 2, 3, 4}, 1},                // Pool2DOptions: strides, windows
+      {kTransposeConvOptions, {1, 2}, 3},  // TransposeConvOptions: strides
   };
   return all;
 }
@@ -114,7 +116,9 @@ class Graph {
         return false;
       }
     }
-    return code != kTransposeConv || options == nullptr || FitsItsInput(inputs, *options);
+    // Options of another kind than the operator's are none to the engine, and not verified.
+    return code != kTransposeConv || type != kTransposeConvOptions || options == nullptr ||
+           FitsItsInput(inputs, *options);
   }
 
  private:
