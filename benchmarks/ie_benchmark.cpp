@@ -176,21 +176,15 @@ void Forward(benchmark::State& state, const std::string& device) {
   if (network.Forward(images) != by_hand.Forward(images)) {
     state.SkipWithError("the two sides compute different values");
   }
-  Interleaved times(2);
-  for (auto _ : state) {
-    times.Run({[&] { benchmark::DoNotOptimize(network.Forward(images)); },
-               [&] {
-                 if (machine_has_gpu) {
-                   const LibReelhouse::TransLoading record;
-                   benchmark::DoNotOptimize(record.IsHardwareTranscoding());
-                 }
-                 benchmark::DoNotOptimize(by_hand.Forward(images));
-               }});
-    state.SetIterationTime(times.LastSeconds(0));
-  }
-  state.counters["library_ms"] = times.Median(0) * 1e3;
-  state.counters["by_hand_ms"] = times.Median(1) * 1e3;
-  state.counters["ratio"] = times.Median(0) / times.Median(1);
+  AgainstByHand(
+      state, [&] { benchmark::DoNotOptimize(network.Forward(images)); },
+      [&] {
+        if (machine_has_gpu) {
+          const LibReelhouse::TransLoading record;
+          benchmark::DoNotOptimize(record.IsHardwareTranscoding());
+        }
+        benchmark::DoNotOptimize(by_hand.Forward(images));
+      });
 }
 
 /// What a switch does, which is a construction without the record, against the engine's own load,
@@ -198,15 +192,9 @@ void Forward(benchmark::State& state, const std::string& device) {
 void Load(benchmark::State& state) {
   const NetworkConfig config = MobileNetSize(1);
   machine_has_gpu = false;
-  Interleaved times(2);
-  for (auto _ : state) {
-    times.Run(
-        {[&] { const IeNetwork network(config); }, [&] { const ByHand by_hand("ie-benchmark"); }});
-    state.SetIterationTime(times.LastSeconds(0));
-  }
-  state.counters["library_ms"] = times.Median(0) * 1e3;
-  state.counters["by_hand_ms"] = times.Median(1) * 1e3;
-  state.counters["ratio"] = times.Median(0) / times.Median(1);
+  AgainstByHand(
+      state, [&] { const IeNetwork network(config); },
+      [&] { const ByHand by_hand("ie-benchmark"); });
 }
 
 BENCHMARK(Copy)->ArgsProduct({{224, 448, 1024}, {1, 3, 4}})->UseManualTime()->MinTime(0.2);

@@ -110,15 +110,9 @@ void Forward(benchmark::State& state) {
   if (network.Forward(image) != by_hand.Forward(image)) {
     state.SkipWithError("the two sides compute different values");
   }
-  Interleaved times(2);
-  for (auto _ : state) {
-    times.Run({[&] { benchmark::DoNotOptimize(network.Forward(image)); },
-               [&] { benchmark::DoNotOptimize(by_hand.Forward(image)); }});
-    state.SetIterationTime(times.LastSeconds(0));
-  }
-  state.counters["library_ms"] = times.Median(0) * 1e3;
-  state.counters["by_hand_ms"] = times.Median(1) * 1e3;
-  state.counters["ratio"] = times.Median(0) / times.Median(1);
+  AgainstByHand(
+      state, [&] { benchmark::DoNotOptimize(network.Forward(image)); },
+      [&] { benchmark::DoNotOptimize(by_hand.Forward(image)); });
 }
 
 BENCHMARK(Forward)->Name("TfLiteNetwork::Forward/MobileNet's size")->UseManualTime()->MinTime(5);

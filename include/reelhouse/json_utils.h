@@ -2,7 +2,7 @@
 /// Whole JSON documents from and to files.
 ///
 /// All four functions return false for any failure and throw nothing, whatever the file holds: a
-/// document that the parser refuses or gives up on (more than 1,000 levels of nesting, for example)
+/// document that the parser refuses or gives up on (hundreds of levels of nesting, for example)
 /// does not parse. Failures are written to syslog, except that a file that cannot be opened for
 /// reading is not. An empty path is a failure that touches no file.
 ///

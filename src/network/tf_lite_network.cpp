@@ -47,8 +47,11 @@ TfLiteNetwork::~TfLiteNetwork() = default;
 
 OutputMap TfLiteNetwork::Forward(const cv::Mat& input) {
   tflite::Interpreter& interpreter = *engine_->interpreter;
-  if (interpreter.inputs().empty() || interpreter.outputs().empty()) {
+  if (interpreter.inputs().empty()) {
     throw Exception("Image does not fit the input tensor");
+  }
+  if (interpreter.outputs().empty()) {
+    throw Exception("Output tensor is not readable");
   }
   const int input_index = interpreter.inputs()[0];
   const int output_index = interpreter.outputs()[0];
