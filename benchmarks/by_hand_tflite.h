@@ -9,6 +9,10 @@
 
 #include "tensorflow_lite/c_api.h"
 
+extern "C" TfLiteModel* TfLiteModelCreateFromFileWithErrorReporter(const char* path,
+                                                                   TfLiteReport report,
+                                                                   void* user_data);
+
 inline void Ignore(void* /*user_data*/, const char* /*format*/, va_list /*arguments*/) {}
 
 /// The network of NAME.tflite.

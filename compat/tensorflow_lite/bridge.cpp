@@ -45,8 +45,9 @@ class MappedFile {
       close(fd);
     }
   }
-  MappedFile(const MappedFile&) = delete;
-  MappedFile& operator=(const MappedFile&) = delete;
+  MappedFile(MappedFile&& other) noexcept
+      : size_(other.size_), data_(std::exchange(other.data_, MAP_FAILED)) {}
+  MappedFile& operator=(MappedFile&&) = delete;
   ~MappedFile() {
     if (data() != nullptr) {
       munmap(data_, size_);
@@ -78,6 +79,7 @@ ErrorReporter* DefaultErrorReporter() {
 }
 
 struct FlatBufferModel::Impl {
+  MappedFile file;  // the model's memory, and so goes last
   std::unique_ptr<TfLiteModel, Delete> model;
   ErrorReporter* reporter;
 };
@@ -87,19 +89,21 @@ FlatBufferModel::~FlatBufferModel() = default;
 
 std::unique_ptr<FlatBufferModel> FlatBufferModel::VerifyAndBuildFromFile(
     const char* path, TfLiteVerifier* extra_verifier, ErrorReporter* reporter) {
-  std::unique_ptr<TfLiteModel, Delete> model(
-      TfLiteModelCreateFromFileWithErrorReporter(path, Report, reporter));
-  if (!model) {
+  // Not by its name: both verifiers look at what the engine then uses, whatever becomes of the
+  // file.
+  MappedFile file(path);
+  if (file.data() == nullptr) {
+    LogInfo("[TfLiteNetwork] TensorFlow Lite: Cannot read {}", path);
     return nullptr;
   }
-  // The engine does not show the memory that it has the file in.
-  const MappedFile file(path);
-  if (file.size() > INT_MAX || file.data() == nullptr ||
+  std::unique_ptr<TfLiteModel, Delete> model(
+      TfLiteModelCreateWithErrorReporter(file.data(), file.size(), Report, reporter));
+  if (!model || file.size() > INT_MAX ||
       !extra_verifier->Verify(file.data(), static_cast<int>(file.size()), reporter)) {
     return nullptr;
   }
   return std::make_unique<FlatBufferModel>(
-      std::make_unique<Impl>(Impl{std::move(model), reporter}));
+      std::make_unique<Impl>(Impl{std::move(file), std::move(model), reporter}));
 }
 
 struct Interpreter::Impl {
@@ -153,7 +157,7 @@ InterpreterBuilder::InterpreterBuilder(const FlatBufferModel& model, const OpRes
     : model_(model) {}
 
 TfLiteStatus InterpreterBuilder::operator()(std::unique_ptr<Interpreter>* interpreter) {
-  const auto& [model, reporter] = model_.impl();
+  const auto& [file, model, reporter] = model_.impl();
   const std::unique_ptr<TfLiteInterpreterOptions, Delete> options(TfLiteInterpreterOptionsCreate());
   TfLiteInterpreterOptionsSetErrorReporter(options.get(), Report, reporter);
   std::unique_ptr<TfLiteInterpreter, Delete> built(

@@ -12,8 +12,9 @@ struct TfLiteInterpreterOptions;
 struct TfLiteInterpreter;
 struct TfLiteTensor;
 using TfLiteReport = void (*)(void* user_data, const char* format, va_list arguments);
-TfLiteModel* TfLiteModelCreateFromFileWithErrorReporter(const char* path, TfLiteReport report,
-                                                        void* user_data);
+/// Null for what the engine's verifier refuses. The data is not copied.
+TfLiteModel* TfLiteModelCreateWithErrorReporter(const void* data, std::size_t size,
+                                                TfLiteReport report, void* user_data);
 void TfLiteModelDelete(TfLiteModel* model);
 TfLiteInterpreterOptions* TfLiteInterpreterOptionsCreate();
 void TfLiteInterpreterOptionsDelete(TfLiteInterpreterOptions* options);

@@ -144,6 +144,12 @@ void IeNetwork::SetInputData(const std::vector<cv::Mat>& images) {
       throw Exception(
           "[IeNetwork] An image must be continuous 32-bit floats of at least the input's size");
     }
+    // One channel may be any floats in a row. Else a model of another layout would get noise
+    // unnoticed.
+    const auto image_channels = static_cast<std::size_t>(image.channels());
+    if (image_channels != 1 && image_channels != channels) {
+      throw Exception("[IeNetwork] The image has other channels than the input");
+    }
   }
 
   const auto mapped = memory->wmap();

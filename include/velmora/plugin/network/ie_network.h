@@ -17,10 +17,10 @@ namespace velmora::plugin::network {
 /// returns when calls have found it free for a minute. A call that moves the network takes as long
 /// as loading it. One object is used by one thread at a time.
 ///
-/// An image is H x W x C continuous 32-bit floats of the network's size, channels interleaved; more
-/// values than the input takes are passed over; fewer, and values of another type, are an
-/// Exception. The input that is fed is the first by name, and must take N x C x H x W. An output is
-/// returned whole, in its own order.
+/// An image is H x W x C continuous 32-bit floats of the network's size, channels interleaved, or
+/// as many floats in one channel. More values than the input takes are passed over; fewer, another
+/// number of channels and values of another type are an Exception. The input that is fed is the
+/// first by name, and must take N x C x H x W. An output is returned whole, in its own order.
 ///
 /// A move between the devices can fail: the inference that wanted it then throws what the
 /// constructor would, and later ones run where the network was.

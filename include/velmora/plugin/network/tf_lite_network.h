@@ -21,7 +21,8 @@ class VELMORA_EXPORT TfLiteNetwork : public BaseNetwork {
  public:
   /// Loads `tflite_model_path`, the only field that is read. Throws Exception "Failed to load
   /// model" for a file that cannot be read or is no model, "Failed to build interpreter" and
-  /// "Failed to allocate tensors" for a model that this engine cannot run.
+  /// "Failed to allocate tensors" for a model that this engine cannot run. The file stays mapped: a
+  /// new one may take its name, but nobody may write into it while the network lives.
   explicit TfLiteNetwork(NetworkConfig config);
   ~TfLiteNetwork() override;
 
