@@ -79,6 +79,9 @@ extern "C" void syslog(int /*priority*/, const char* format, ...) {
   ++velmora::fuzz::log_lines;
 }
 
+/// OpenCV takes what a model says of its sizes to the allocator, and goes by the answer.
+extern "C" const char* __asan_default_options() { return "allocator_may_return_null=1"; }
+
 /// OpenCV forgets a blob when it refuses a model half-way, and TensorFlow Lite keeps one byte.
 extern "C" const char* __lsan_default_suppressions() {
   return "leak:libopencv_dnn.so\nleak:libjnitensorflowlite.so";
