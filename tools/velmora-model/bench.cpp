@@ -44,24 +44,23 @@ std::string CpuModel(const utsname& system) {
   return system.machine;  // not every architecture names its model
 }
 
-Json::UInt64 ResidentKib() {
+/// What the process holds at this moment: memory, and shared objects that are mapped.
+Json::Value Held() {
   Json::UInt64 pages = 0;
-  std::ifstream file("/proc/self/statm");
-  file >> pages >> pages;
-  return pages * static_cast<Json::UInt64>(sysconf(_SC_PAGESIZE)) / 1024;
-}
-
-/// Shared objects that are mapped.
-Json::UInt64 Libraries() {
-  std::set<std::string> paths;
-  std::ifstream file("/proc/self/maps");
-  for (std::string line; std::getline(file, line);) {
+  std::ifstream statm("/proc/self/statm");
+  statm >> pages >> pages;
+  std::set<std::string> libraries;
+  std::ifstream maps("/proc/self/maps");
+  for (std::string line; std::getline(maps, line);) {
     if (const std::size_t path = line.find('/');
         path != std::string::npos && line.find(".so", path) != std::string::npos) {
-      paths.insert(line.substr(path));
+      libraries.insert(line.substr(path));
     }
   }
-  return paths.size();
+  Json::Value held;
+  held["resident_kib"] = pages * static_cast<Json::UInt64>(sysconf(_SC_PAGESIZE)) / 1024;
+  held["libraries"] = Json::UInt64{libraries.size()};
+  return held;
 }
 
 std::vector<cv::Mat> PrepareInput(const BenchOptions& options, const Model& model,
@@ -117,12 +116,12 @@ double Percentile(const std::vector<double>& sorted, double percent) {
 int Bench(const BenchOptions& options) {
   using Clock = std::chrono::steady_clock;
   using Milliseconds = std::chrono::duration<double, std::milli>;
-  Json::Value memory;
-  memory["resident_kib_before"] = ResidentKib();
+  Json::Value held;
+  held["before"] = Held();
   const Clock::time_point load_start = Clock::now();
   Model model = LoadModel(options.model, options.backend);
   const Milliseconds load = Clock::now() - load_start;
-  memory["after_load"] = ResidentKib();
+  held["loaded"] = Held();
   Console console;
   if (!kOptimised) {
     console.Say("warning: this is not an optimised build: its times mean little");
@@ -171,7 +170,6 @@ int Bench(const BenchOptions& options) {
   document["images_per_second"] = images_per_second;
   document["busy_cores"] = busy_cores;
   document["load_ms"] = load.count();
-  document["libraries"] = Libraries();
   Json::Value& machine = document["machine"];
   machine["cpu"] = JsonText(CpuModel(system));
   machine["cores"] = std::thread::hardware_concurrency();
@@ -183,8 +181,8 @@ int Bench(const BenchOptions& options) {
   build["optimised"] = kOptimised;
   if (options.json) {
     model.engine.network.reset();
-    memory["after_delete"] = ResidentKib();
-    document["memory"] = memory;
+    held["deleted"] = Held();
+    document["held"] = held;
     PrintJson(document);
     return console.any_fault() ? kNotAllDone : kDone;
   }
