@@ -1,6 +1,5 @@
 #include "support/own_namespace.h"
 
-#include <fcntl.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
@@ -9,11 +8,9 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <set>
 
 namespace velmora::test {
@@ -51,11 +48,24 @@ bool Unshare() {
   return true;
 }
 
-/// Binds every entry of `from` to the same name in `to`, except the one named `left_out`.
-bool BindEntries(const fs::path& from, const fs::path& to, const char* left_out) {
-  for (const fs::directory_entry& entry : fs::directory_iterator(from)) {
-    const fs::path target = to / entry.path().filename();
-    if (target.filename() == left_out) {
+/// Of /tmp, only what source and build tree lie in.
+bool IsKept(const std::string& path) {
+  return path != "/dev/log" && (!path.starts_with("/tmp/") ||
+                                std::string(VELMORA_SOURCE_DIR "/").starts_with(path + "/") ||
+                                std::string(VELMORA_BINARY_DIR "/").starts_with(path + "/"));
+}
+
+/// Puts a writable folder with the entries that are kept in the place of the machine's.
+bool OwnFolder(const fs::path& folder) {
+  const fs::path before = fs::current_path();
+  fs::current_path(folder);  // "." remains the machine's
+  if (!Mount("none", folder.c_str(), "tmpfs", 0) ||
+      (folder == "/" && chroot("/..") != 0)) {  // ".." leads into what is mounted there
+    return false;
+  }
+  for (const fs::directory_entry& entry : fs::directory_iterator(".")) {
+    const fs::path target = folder / entry.path().filename();
+    if (!IsKept(target.string())) {
       continue;
     }
     if (entry.is_symlink()) {
@@ -67,50 +77,14 @@ bool BindEntries(const fs::path& from, const fs::path& to, const char* left_out)
     } else {
       Write(target.c_str(), "");
     }
-    // In /proc an entry may be gone by now, with its process.
+    // The entry may be gone by now.
     if (!Mount(entry.path().c_str(), target.c_str(), nullptr, MS_BIND | MS_REC) &&
         errno != ENOENT) {
       return false;
     }
   }
-  return true;
-}
-
-/// Puts a writable folder with the same entries in the place of the machine's. For "/" that leaves
-/// an empty folder in /tmp, which is in use.
-bool OwnFolder(const std::string& folder, const char* left_out = "") {
-  const char* const aside = "/tmp/own-folder";
-  fs::create_directory(aside);
-  if (folder == "/") {
-    const fs::path before = fs::current_path();
-    return Mount("none", aside, "tmpfs", 0) && BindEntries("/", aside, left_out) &&
-           chroot(aside) == 0 && chdir(before.c_str()) == 0 && umount2(aside, MNT_DETACH) == 0;
-  }
-  return Mount(folder.c_str(), aside, nullptr, MS_BIND | MS_REC) &&
-         Mount("none", folder.c_str(), "tmpfs", 0) && BindEntries(aside, folder, left_out) &&
-         umount2(aside, MNT_DETACH) == 0 && (rmdir(aside) == 0 || errno == EBUSY);
-}
-
-/// An empty /tmp; source and build tree stay where they are even when that is below /tmp.
-bool OwnTmp() {
-  const char* const kept[] = {VELMORA_SOURCE_DIR, VELMORA_BINARY_DIR};
-  int folders[std::size(kept)];
-  for (std::size_t i = 0; i < std::size(kept); ++i) {
-    folders[i] = open(kept[i], O_PATH | O_CLOEXEC);
-  }
-  if (!Mount("none", "/tmp", "tmpfs", 0)) {
-    return false;
-  }
-  for (std::size_t i = 0; i < std::size(kept); ++i) {
-    if (!fs::exists(kept[i])) {
-      fs::create_directories(kept[i]);
-      const std::string before = "/proc/self/fd/" + std::to_string(folders[i]);
-      if (!Mount(before.c_str(), kept[i], nullptr, MS_BIND | MS_REC)) {
-        return false;
-      }
-    }
-    close(folders[i]);
-  }
+  std::error_code gone;  // when it was in /tmp
+  fs::current_path(before, gone);
   return true;
 }
 
@@ -125,18 +99,17 @@ bool OwnLog() {
 }
 
 void Enter() {
-  const char* step = "unshare";
-  const auto done = [&step](const char* name, bool ok) {
-    step = name;
+  const auto done = [](const char* step, bool ok) {
+    if (!ok) {
+      why_not = std::string("no mount namespace of its own here (") + step + ": " +
+                std::strerror(errno) + ")";
+    }
     return ok;
   };
-  if (!done("unshare", Unshare()) ||
-      !done("private mounts", Mount("none", "/", nullptr, MS_REC | MS_PRIVATE)) ||
-      !done("/tmp", OwnTmp()) || !done("/dev", OwnFolder("/dev", "log")) ||
-      !done("/dev/log", OwnLog())) {
-    why_not = std::string("no mount namespace of its own here (") + step + ": " +
-              std::strerror(errno) + ")";
-  }
+  static_cast<void>(done("unshare", Unshare()) &&
+                    done("private mounts", Mount("none", "/", nullptr, MS_REC | MS_PRIVATE)) &&
+                    done("/tmp", OwnFolder("/tmp")) && done("/dev", OwnFolder("/dev")) &&
+                    done("/dev/log", OwnLog()));
 }
 
 }  // namespace

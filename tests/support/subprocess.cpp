@@ -9,6 +9,20 @@
 #include <cstdlib>
 #include <memory>
 
+namespace {
+
+std::string ReadAll(int fd) {
+  std::string text;
+  char buffer[4096];
+  // The end of a terminal is an error, that of a file or a pipe is not.
+  for (ssize_t count; (count = read(fd, buffer, sizeof buffer)) > 0;) {
+    text.append(buffer, static_cast<std::size_t>(count));
+  }
+  return text;
+}
+
+}  // namespace
+
 Finished RunProcess(std::vector<std::string> command, ErrorTo error_to,
                     const std::string& output_path) {
   std::vector<char*> arguments;
@@ -41,21 +55,15 @@ Finished RunProcess(std::vector<std::string> command, ErrorTo error_to,
   }
   close(ends[1]);
   Finished finished;
-  char buffer[4096];
-  // The end of a terminal is an error, that of a pipe is not.
-  for (ssize_t count; (count = read(ends[0], buffer, sizeof buffer)) > 0;) {
-    finished.error.append(buffer, static_cast<std::size_t>(count));
-  }
+  finished.error = ReadAll(ends[0]);
   close(ends[0]);
   int status = 0;
   if (waitpid(child, &status, 0) == child && WIFEXITED(status)) {
     finished.status = WEXITSTATUS(status);
   }
   if (output_path.empty()) {
-    std::rewind(output.get());
-    for (std::size_t count; (count = std::fread(buffer, 1, sizeof buffer, output.get())) > 0;) {
-      finished.output.append(buffer, count);
-    }
+    lseek(fileno(output.get()), 0, SEEK_SET);
+    finished.output = ReadAll(fileno(output.get()));
   }
   return finished;
 }
