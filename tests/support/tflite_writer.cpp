@@ -43,80 +43,65 @@ std::string TfLiteWriter::Finish(const std::vector<std::int32_t>& inputs,
                                  const std::vector<std::int32_t>& outputs) const {
   flatbuffers::FlatBufferBuilder out;
   using Table = flatbuffers::Offset<flatbuffers::Table>;
+  // Fields of a table, by their numbers, and the table of them.
+  const auto number = [&](int field, auto value) {
+    return [&out, field, value] { out.AddElement(Field(field), value); };
+  };
+  const auto offset = [&](int field, auto value) {
+    return [&out, field, value] { out.AddOffset(Field(field), value); };
+  };
+  const auto table = [&](const auto&... fields) {
+    const auto start = out.StartTable();
+    (fields(), ...);
+    return Table(out.EndTable(start));
+  };
+
   std::vector<Table> buffers;
   const auto add_buffer = [&](const std::string& data) {
     out.ForceVectorAlignment(data.size(), 1, 16);
-    const auto vector =
-        out.CreateVector(reinterpret_cast<const std::uint8_t*>(data.data()), data.size());
-    const auto start = out.StartTable();
-    out.AddOffset(Field(0), vector);
-    buffers.emplace_back(out.EndTable(start));
+    buffers.push_back(table(offset(0, out.CreateVector(data.data(), data.size()))));
+    return static_cast<std::uint32_t>(buffers.size() - 1);
   };
   add_buffer("");  // the first is that of tensors without values
   std::vector<Table> tensors;
   for (const TensorInfo& tensor : tensors_) {
-    if (!tensor.data.empty()) {
-      add_buffer(tensor.data);
-    }
-    const auto shape = out.CreateVector(tensor.shape);
-    const auto start = out.StartTable();
-    out.AddOffset(Field(0), shape);
-    out.AddElement<std::int8_t>(Field(1), tensor.type, 0);
-    out.AddElement<std::uint32_t>(
-        Field(2), tensor.data.empty() ? 0 : static_cast<std::uint32_t>(buffers.size() - 1), 0);
-    tensors.emplace_back(out.EndTable(start));
+    const std::uint32_t buffer = tensor.data.empty() ? 0 : add_buffer(tensor.data);
+    tensors.push_back(table(offset(0, out.CreateVector(tensor.shape)),
+                            number(1, static_cast<std::int8_t>(tensor.type)), number(2, buffer)));
   }
   std::vector<Table> codes;
   std::vector<Table> steps;
   for (const Step& step : steps_) {
-    auto start = out.StartTable();
-    out.AddElement<std::int8_t>(Field(0), static_cast<std::int8_t>(step.code), 0);
-    out.AddElement<std::int32_t>(Field(2), step.version, 0);
-    out.AddElement<std::int32_t>(Field(3), step.code, 0);
-    codes.emplace_back(out.EndTable(start));
-
-    start = out.StartTable();
-    for (const Option& option : step.options) {
-      if (option.kind == Option::kByte) {
-        out.AddElement(Field(option.field), static_cast<std::int8_t>(option.value));
-      } else if (option.kind == Option::kInt) {
-        out.AddElement(Field(option.field), static_cast<std::int32_t>(option.value));
-      } else {
-        out.AddElement(Field(option.field), static_cast<float>(option.value));
+    codes.push_back(table(number(0, static_cast<std::int8_t>(step.code)),
+                          number(2, std::int32_t{step.version}),
+                          number(3, std::int32_t{step.code})));
+    const Table options = table([&] {
+      for (const Option& option : step.options) {
+        if (option.kind == Option::kByte) {
+          number(option.field, static_cast<std::int8_t>(option.value))();
+        } else if (option.kind == Option::kInt) {
+          number(option.field, static_cast<std::int32_t>(option.value))();
+        } else {
+          number(option.field, static_cast<float>(option.value))();
+        }
       }
-    }
-    const Table options(out.EndTable(start));
-    const auto step_inputs = out.CreateVector(step.inputs);
-    const auto step_outputs = out.CreateVector(&step.output, 1);
-    start = out.StartTable();
-    out.AddElement<std::uint32_t>(Field(0), static_cast<std::uint32_t>(codes.size() - 1), 0);
-    out.AddOffset(Field(1), step_inputs);
-    out.AddOffset(Field(2), step_outputs);
-    if (step.options_type != 0) {
-      out.AddElement<std::uint8_t>(Field(3), step.options_type, 0);
-      out.AddOffset(Field(4), options);
-    }
-    steps.emplace_back(out.EndTable(start));
+    });
+    steps.push_back(table(number(0, static_cast<std::uint32_t>(codes.size() - 1)),
+                          offset(1, out.CreateVector(step.inputs)),
+                          offset(2, out.CreateVector(&step.output, 1)), [&] {
+                            if (step.options_type != 0) {
+                              number(3, step.options_type)();
+                              offset(4, options)();
+                            }
+                          }));
   }
-  const auto all_tensors = out.CreateVector(tensors);
-  const auto graph_inputs = out.CreateVector(inputs);
-  const auto graph_outputs = out.CreateVector(outputs);
-  const auto all_steps = out.CreateVector(steps);
-  auto start = out.StartTable();
-  out.AddOffset(Field(0), all_tensors);
-  out.AddOffset(Field(1), graph_inputs);
-  out.AddOffset(Field(2), graph_outputs);
-  out.AddOffset(Field(3), all_steps);
-  const std::vector<Table> graph{Table(out.EndTable(start))};
-  const auto graphs = out.CreateVector(graph);
-  const auto all_codes = out.CreateVector(codes);
-  const auto all_buffers = out.CreateVector(buffers);
-  start = out.StartTable();
-  out.AddElement<std::uint32_t>(Field(0), 3, 0);  // version of the format
-  out.AddOffset(Field(1), all_codes);
-  out.AddOffset(Field(2), graphs);
-  out.AddOffset(Field(4), all_buffers);
-  out.Finish(Table(out.EndTable(start)), "TFL3");
+  const std::vector<Table> graph = {
+      table(offset(0, out.CreateVector(tensors)), offset(1, out.CreateVector(inputs)),
+            offset(2, out.CreateVector(outputs)), offset(3, out.CreateVector(steps)))};
+  out.Finish(table(number(0, std::uint32_t{3}),  // version of the format
+                   offset(1, out.CreateVector(codes)), offset(2, out.CreateVector(graph)),
+                   offset(4, out.CreateVector(buffers))),
+             "TFL3");
   return {reinterpret_cast<const char*>(out.GetBufferPointer()), out.GetSize()};
 }
 

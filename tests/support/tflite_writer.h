@@ -11,7 +11,7 @@ namespace velmora::test {
 class TfLiteWriter {
  public:
   // Numbers of the format.
-  enum Type : std::int8_t { kFloat32 = 0, kInt32 = 2, kUInt8 = 3 };
+  enum Type : std::int8_t { kFloat32 = 0, kInt32 = 2 };
   enum Operator : std::int32_t {
     kConv2D = 3,
     kDepthwiseConv2D = 4,
@@ -19,6 +19,7 @@ class TfLiteWriter {
     kMul = 18,
     kReshape = 22,
     kSoftmax = 25,
+    kGather = 36,
     kMean = 40
   };
 
