@@ -188,14 +188,18 @@ TEST_F(IeNetworkTest, FeedsTheFirstInputAndReadsOutputsByTheirLayersAllInFloats)
             test::ErrorOf([&] { IeNetwork(config).Forward(Ramp(2, 2, 3)); }));
 }
 
-TEST_F(IeNetworkTest, RefusesWhatWouldReadOrWriteBeyondMemory) {
+TEST_F(IeNetworkTest, RefusesWhatDoesNotFit) {
   const auto refused = [](const std::function<void()>& call) {
     return test::ErrorOf(call).starts_with("[IeNetwork] ");
   };
   const cv::Mat wide = Ramp(2, 4, 3);
   EXPECT_TRUE(refused([&] { IeNetwork(Scale(1)).Forward(wide.colRange(0, 2)); }));
-  EXPECT_FALSE(
-      refused([&] { IeNetwork(Scale(1)).Forward(wide); }));  // what is left over is no harm
+  // What is left over is no harm, nor are the same floats in one channel.
+  for (const cv::Mat& image : {wide, Ramp(2, 6, 1)}) {
+    EXPECT_FALSE(refused([&] { IeNetwork(Scale(1)).Forward(image); }));
+  }
+  // As by a model that takes height, width and channels.
+  EXPECT_TRUE(refused([&] { IeNetwork(Scale(1, {1, 2, 2, 3})).Forward(Ramp(2, 2, 3)); }));
   EXPECT_TRUE(refused([] { IeNetwork(Scale(0)).WaitOutput(); }));
   NetworkConfig flat = Scale(1, {1, 12});
   EXPECT_TRUE(refused([&] { IeNetwork(flat).Forward(wide); }));
