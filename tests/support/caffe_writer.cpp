@@ -29,16 +29,6 @@ const pb::FieldDescriptor* FieldOf(const pb::Message& message, const char* name)
   return message.GetDescriptor()->FindFieldByName(name);
 }
 
-pb::Message* FindLayer(pb::Message& net, const pb::FieldDescriptor* layers,
-                       const std::string& name) {
-  const pb::Reflection& reflection = *net.GetReflection();
-  for (int i = 0; i < reflection.FieldSize(net, layers); ++i) {
-    pb::Message* layer = reflection.MutableRepeatedMessage(&net, layers, i);
-    if (layer->GetReflection()->GetString(*layer, FieldOf(*layer, "name")) == name) return layer;
-  }
-  throw std::runtime_error("no layer " + name);
-}
-
 void AddBlob(pb::Message& layer, const CaffeBlob& blob, std::minstd_rand& random) {
   pb::Message* message = layer.GetReflection()->AddMessage(&layer, FieldOf(layer, "blobs"));
   const pb::Reflection& reflection = *message->GetReflection();
@@ -70,24 +60,21 @@ CaffeModel MakeCaffeModel(const std::string& prototxt, const std::vector<CaffeBl
   const pb::Reflection& reflection = *net->GetReflection();
   const pb::FieldDescriptor* layers = FieldOf(*net, "layer");
   if (reflection.FieldSize(*net, layers) == 0) layers = FieldOf(*net, "layers");
-  std::minstd_rand random(20);
-  for (const CaffeBlob& blob : blobs) AddBlob(*FindLayer(*net, layers, blob.layer), blob, random);
-
-  CaffeModel model{prototxt, {}, net->SerializeAsString()};
   const std::unique_ptr<pb::Message> weights(net->New());
+  auto blob = blobs.begin();
+  std::minstd_rand random(20);
   for (int i = 0; i < reflection.FieldSize(*net, layers); ++i) {
-    pb::Message* layer = reflection.AddMessage(weights.get(), layers);
-    layer->CopyFrom(reflection.GetRepeatedMessage(*net, layers, i));
-    std::vector<const pb::FieldDescriptor*> fields;
-    layer->GetReflection()->ListFields(*layer, &fields);
-    for (const pb::FieldDescriptor* field : fields) {
-      if (field->name() != "name" && field->name() != "type" && field->name() != "blobs") {
-        layer->GetReflection()->ClearField(layer, field);
-      }
+    pb::Message* layer = reflection.MutableRepeatedMessage(net.get(), layers, i);
+    const std::string name = layer->GetReflection()->GetString(*layer, FieldOf(*layer, "name"));
+    for (; blob != blobs.end() && blob->layer == name; ++blob) AddBlob(*layer, *blob, random);
+    pb::Message* unwired = reflection.AddMessage(weights.get(), layers);
+    unwired->CopyFrom(*layer);
+    for (const char* const field : {"bottom", "top"}) {
+      unwired->GetReflection()->ClearField(unwired, FieldOf(*unwired, field));
     }
   }
-  model.weights = weights->SerializeAsString();
-  return model;
+  if (blob != blobs.end()) throw std::runtime_error("no layer " + blob->layer);
+  return {prototxt, weights->SerializeAsString(), net->SerializeAsString()};
 }
 
 CaffeModel NewFormModel() {
@@ -105,28 +92,16 @@ CaffeModel NewFormModel() {
       layer { name: "scale" type: "Scale" bottom: "bn" top: "bn" scale_param { bias_term: true } }
       layer { name: "relu" type: "ReLU" bottom: "bn" top: "bn"
         relu_param { negative_slope: 0.33333334 } }
-      layer { name: "lrn" type: "LRN" bottom: "bn" top: "lrn"
-        lrn_param { local_size: 3 alpha: 0.7 beta: 0.6 k: 1.5 } }
-      layer { name: "up" type: "Deconvolution" bottom: "lrn" top: "up"
+      layer { name: "up" type: "Deconvolution" bottom: "bn" top: "up"
         convolution_param { num_output: 4 kernel_h: 2 kernel_w: 3 stride: 2 bias_term: false } }
-      layer { name: "prelu" type: "PReLU" bottom: "up" top: "prelu" }
-      layer { name: "cut" type: "Slice" bottom: "prelu" top: "cut1" top: "cut2"
+      layer { name: "cut" type: "Slice" bottom: "up" top: "cut1" top: "cut2"
         slice_param { axis: 1 slice_point: 1 } }
-      layer { name: "tanh" type: "TanH" bottom: "cut1" top: "tanh" }
-      layer { name: "join" type: "Concat" bottom: "cut2" bottom: "tanh" top: "join" }
-      layer { name: "sum" type: "Eltwise" bottom: "join" bottom: "prelu" top: "sum"
-        eltwise_param { operation: SUM coeff: -0.5 coeff: 1.25 } }
-      layer { name: "pool" type: "Pooling" bottom: "sum" top: "pool"
+      layer { name: "join" type: "Concat" bottom: "cut2" bottom: "cut1" top: "join" }
+      layer { name: "pool" type: "Pooling" bottom: "join" top: "pool"
         pooling_param { pool: AVE kernel_size: 3 stride: 2 } }
-      layer { name: "power" type: "Power" bottom: "pool" top: "power"
-        power_param { scale: 1.1 shift: -0.2 } }
-      layer { name: "order" type: "Permute" bottom: "power" top: "order"
+      layer { name: "order" type: "Permute" bottom: "pool" top: "order"
         permute_param { order: 0 order: 2 order: 3 order: 1 } }
-      layer { name: "drop" type: "Dropout" bottom: "order" top: "order"
-        dropout_param { dropout_ratio: 0.4 } }
-      layer { name: "flat" type: "Reshape" bottom: "order" top: "flat"
-        reshape_param { shape { dim: 0 dim: -1 } } }
-      layer { name: "ip" type: "InnerProduct" bottom: "flat" top: "ip" loss_weight: 0
+      layer { name: "ip" type: "InnerProduct" bottom: "order" top: "ip" loss_weight: 0
         inner_product_param { num_output: 5 } }
       layer { name: "prob" type: "Softmax" bottom: "ip" top: "prob" softmax_param { axis: -1 } })",
       {{"conv", {6, 1, 3, 3}},
@@ -137,7 +112,6 @@ CaffeModel NewFormModel() {
        {"scale", {6}},
        {"scale", {6}},
        {"up", {6, 4, 2, 3}},
-       {"prelu", {4}},
        {"ip", {5, 64}},
        {"ip", {5}}});
 }

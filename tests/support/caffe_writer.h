@@ -19,11 +19,12 @@ struct CaffeBlob {
 /// A model as the bytes of its files. `layer` and `layers` descriptions are both served.
 struct CaffeModel {
   std::string prototxt;
-  std::string weights;  // of the pair: names, types and blobs only
+  std::string weights;  // of the pair: the layers without what they read and write
   std::string binary;   // the whole model in one message
 };
 
-/// Throws std::runtime_error if the description does not parse or lacks a blob's layer.
+/// The blobs stand in the order of their layers. Throws std::runtime_error if the description does
+/// not parse or lacks a blob's layer.
 CaffeModel MakeCaffeModel(const std::string& prototxt, const std::vector<CaffeBlob>& blobs);
 
 /// Small networks of one 3 x 8 x 8 input "data" and one output "prob", with parameters that matter

@@ -30,8 +30,8 @@ class MemoryFile {
 
 enum class Outcome { kRefused, kFailed, kRan };  // kFailed: loaded, but did not run
 
-/// Runs the cases 0 to `count` - 1 in child processes. Fails the calling test for each case that
-/// ends its process, and when no case runs or fewer than one in a hundred is refused.
+/// Runs the cases 0 to `count` - 1 in a child process. Fails the calling test at the first case
+/// that ends it, and when no case runs or fewer than one in a hundred is refused.
 void ExpectSurvival(const std::string& name, int count, const std::function<Outcome(int)>& run);
 
 std::string FlipOneBit(std::string bytes, int seed);
