@@ -94,14 +94,9 @@ CaffeModel NewFormModel() {
         relu_param { negative_slope: 0.33333334 } }
       layer { name: "up" type: "Deconvolution" bottom: "bn" top: "up"
         convolution_param { num_output: 4 kernel_h: 2 kernel_w: 3 stride: 2 bias_term: false } }
-      layer { name: "cut" type: "Slice" bottom: "up" top: "cut1" top: "cut2"
-        slice_param { axis: 1 slice_point: 1 } }
-      layer { name: "join" type: "Concat" bottom: "cut2" bottom: "cut1" top: "join" }
-      layer { name: "pool" type: "Pooling" bottom: "join" top: "pool"
+      layer { name: "pool" type: "Pooling" bottom: "up" top: "pool"
         pooling_param { pool: AVE kernel_size: 3 stride: 2 } }
-      layer { name: "order" type: "Permute" bottom: "pool" top: "order"
-        permute_param { order: 0 order: 2 order: 3 order: 1 } }
-      layer { name: "ip" type: "InnerProduct" bottom: "order" top: "ip" loss_weight: 0
+      layer { name: "ip" type: "InnerProduct" bottom: "pool" top: "ip" loss_weight: 0
         inner_product_param { num_output: 5 } }
       layer { name: "prob" type: "Softmax" bottom: "ip" top: "prob" softmax_param { axis: -1 } })",
       {{"conv", {6, 1, 3, 3}},
@@ -121,13 +116,9 @@ CaffeModel OldFormModel() {
       R"(name: "old" input: "data" input_dim: 1 input_dim: 3 input_dim: 8 input_dim: 8
       layers { name: "conv" type: CONVOLUTION bottom: "data" top: "conv" blobs_lr: 1 blobs_lr: 2
         weight_decay: 1 convolution_param { num_output: 4 kernel_size: 3 pad: 1 group: 1 } }
-      layers { name: "relu" type: RELU bottom: "conv" top: "conv"
-        relu_param { negative_slope: 0.1 } }
       layers { name: "pool" type: POOLING bottom: "conv" top: "pool"
         pooling_param { pool: MAX kernel_size: 3 stride: 2 } }
-      layers { name: "norm" type: LRN bottom: "pool" top: "norm"
-        lrn_param { local_size: 3 alpha: 0.5 } }
-      layers { name: "ip" type: INNER_PRODUCT bottom: "norm" top: "ip"
+      layers { name: "ip" type: INNER_PRODUCT bottom: "pool" top: "ip"
         inner_product_param { num_output: 5 } }
       layers { name: "prob" type: SOFTMAX bottom: "ip" top: "prob" })",
       {{"conv", {4, 3, 3, 3}}, {"conv", {4}}, {"ip", {5, 64}}, {"ip", {5}}});

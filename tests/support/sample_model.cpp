@@ -9,17 +9,9 @@
 namespace velmora::test {
 namespace {
 
-Json::Value ReadJson(const std::string& path) {
-  Json::Value root;
-  std::ifstream(path) >> root;
-  return root;
-}
-
 std::vector<float> Floats(const Json::Value& array) {
   std::vector<float> values;
-  for (const Json::Value& value : array) {
-    values.push_back(value.asFloat());
-  }
+  for (const Json::Value& value : array) values.push_back(value.asFloat());
   return values;
 }
 
@@ -33,17 +25,17 @@ void ExpectNear(const std::vector<float>& expected, const std::vector<float>& ac
   }
 }
 
-SampleModel::SampleModel() : reference_(ReadJson(Path("reference.json"))) {
-  const Json::Value description = ReadJson(Path("model.json"))["image"];
-  const cv::Size size(description["width"].asInt(), description["height"].asInt());
-  const std::vector<float> mean = Floats(description["mean"]);
-  const std::vector<float> scale = Floats(description["scale"]);
+SampleModel::SampleModel() {
+  std::ifstream(Path("reference.json")) >> reference_;
+  Json::Value model;
+  std::ifstream(Path("model.json")) >> model;
+  const std::vector<float> mean = Floats(model["image"]["mean"]);
+  const std::vector<float> scale = Floats(model["image"]["scale"]);
   for (const Json::Value& file : reference_["images"]) {
     cv::Mat pixels = cv::imread(Path(file.asString()));
-    cv::resize(pixels, pixels, size);
+    cv::resize(pixels, pixels, {24, 32});
     cv::cvtColor(pixels, pixels, cv::COLOR_BGR2RGB);
-    pixels.convertTo(pixels, CV_32F);
-    cv::subtract(pixels, cv::Scalar(mean[0], mean[1], mean[2]), pixels);
+    cv::subtract(pixels, cv::Scalar(mean[0], mean[1], mean[2]), pixels, cv::noArray(), CV_32F);
     cv::multiply(pixels, cv::Scalar(scale[0], scale[1], scale[2]), pixels);
     images_.push_back(pixels);
   }
