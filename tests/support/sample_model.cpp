@@ -35,7 +35,8 @@ SampleModel::SampleModel() {
     cv::Mat pixels = cv::imread(Path(file.asString()));
     cv::resize(pixels, pixels, {24, 32});
     cv::cvtColor(pixels, pixels, cv::COLOR_BGR2RGB);
-    cv::subtract(pixels, cv::Scalar(mean[0], mean[1], mean[2]), pixels, cv::noArray(), CV_32F);
+    pixels.convertTo(pixels, CV_32F);
+    cv::subtract(pixels, cv::Scalar(mean[0], mean[1], mean[2]), pixels);
     cv::multiply(pixels, cv::Scalar(scale[0], scale[1], scale[2]), pixels);
     images_.push_back(pixels);
   }
