@@ -17,7 +17,7 @@ from pathlib import Path
 SOURCE = Path(__file__).resolve().parents[2]
 BUILD, PROGRAM, COMPILER = sys.argv[1:]
 BLOCK = re.compile(r"(?:<!-- ([^\n]*) -->\n)?^```([a-z]*)\n(.*?)^```$", re.M | re.S)
-COMMAND = re.compile(r"^(?:scripts/|cmake |ctest |g\+\+ |velmora-model |apt)", re.M)
+COMMAND = re.compile(r"^(?:    )?(?:scripts/|cmake |ctest |g\+\+ |velmora-model |apt)", re.M)
 environment = os.environ | {"PATH": f"{Path(PROGRAM).parent}:{os.environ['PATH']}"}
 ran = []
 faults = []
@@ -56,6 +56,8 @@ for document in documents:
             faults.append(f"{place}: no reason why this is not run")
         elif kind == "" and COMMAND.search(text):
             faults.append(f"{place}: a command that nothing runs")
+    if hidden := COMMAND.search(BLOCK.sub("", content)):
+        faults.append(f"{document.relative_to(SOURCE)}: nothing runs {hidden[0].strip()}")
     for link in re.findall(r"\]\(([^)#:]+)(?:#[^)]*)?\)", content):
         if not (document.parent / link).exists():
             faults.append(f"{document.relative_to(SOURCE)}: no {link}")
