@@ -15,12 +15,12 @@ using Copy = void (*)(const float*, float*, std::size_t);
 // The number of channels is known here, which is what makes the loops fast.
 
 /// Plane after plane, of so many pixels that the image is still in the first cache for the next:
-/// three streams of writes at once are slower by half, on some processors by three quarters.
+/// writing all three at once took two to four times as long on an Intel Xeon.
 inline __attribute__((always_inline)) void CopyThree(const float* __restrict image,
                                                      float* __restrict planes, std::size_t pixels) {
-  constexpr std::size_t block = 256;
-  for (std::size_t begin = 0; begin < pixels; begin += block) {
-    const std::size_t count = std::min(block, pixels - begin);
+  constexpr std::size_t kBlock = 256;
+  for (std::size_t begin = 0; begin < pixels; begin += kBlock) {
+    const std::size_t count = std::min(kBlock, pixels - begin);
     for (std::size_t c = 0; c < 3; ++c) {
       const float* __restrict source = image + 3 * begin + c;
       float* __restrict plane = planes + c * pixels + begin;
