@@ -266,7 +266,9 @@ TEST_F(Program, ComparesAllFormsOfAModel) {
     return Parse(disagreeing.output)["differences"][0];
   };
   disagreement(Changed("digits.caffemodel", "altered"));
-  EXPECT_GT(disagreement(Changed("[0.025390625,", "[3e38,"))["not_finite"].asUInt(), 0u);
+  if (kRunsInferenceEngine) {  // the other engines make finite values of them, in some versions
+    EXPECT_GT(disagreement(Changed("[0.025390625,", "[3e38,"))["not_finite"].asUInt(), 0u);
+  }
 
   Machine("");
   EXPECT_EQ(Run({"compare", kModel, kImages}).status, 3);  // one form is left
