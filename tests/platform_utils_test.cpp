@@ -1,4 +1,5 @@
 // The platform detector, and the appliance's system libraries as they are built here.
+#include <dlfcn.h>
 #include <karvcore/karvcore.h>
 #include <karvsdk/karvsdk.h>
 #include <reelhouse/platform_utils.h>
@@ -6,7 +7,6 @@
 #include <sched.h>
 #include <sys/mount.h>
 
-#include <barrier>
 #include <cerrno>
 #include <climits>
 #include <thread>
@@ -16,6 +16,43 @@
 namespace fs = std::filesystem;
 using librh::util::PlatformUtils;
 using namespace velmora::test;
+
+namespace {
+
+Lines asked;  // of the appliance's libraries, each question with its arguments
+
+template <typename... Arguments>
+int Ask(const char* name, Arguments... arguments) {
+  std::ostringstream line;
+  line << name;
+  ((line << ' ' << arguments), ...);
+  asked.push_back(line.str());
+  return 0;
+}
+
+/// The operation of the library behind this program.
+template <typename Operation>
+Operation* Next(Operation*, const char* name) {
+  return reinterpret_cast<Operation*>(dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+// These stand before the libraries' own, and pass the question on.
+int KLIBCProcAlive(int pid) {
+  Ask("alive", pid);
+  return Next(KLIBCProcAlive, "KLIBCProcAlive")(pid);
+}
+
+int KLIBCFileGetKeyValue(const char* file, const char* key, char* buffer, int size, int flags) {
+  Ask("value", file, key, size, flags);
+  return Next(KLIBCFileGetKeyValue, "KLIBCFileGetKeyValue")(file, key, buffer, size, flags);
+}
+
+int KARVFSMkdirP(const char* path, int a, int b, unsigned c, unsigned d, unsigned mode) {
+  Ask("folder", path, a, b, c, d, mode);
+  return Next(KARVFSMkdirP, "KARVFSMkdirP")(path, a, b, c, d, mode);
+}
 
 namespace {
 
@@ -128,24 +165,27 @@ TEST_F(PlatformUtilsTest, KnowsEveryPlatform) {
     chmod(tool, 0755);
     fs::remove("ran");
     InChild([&] {
-      // The first use may come from many threads at once.
-      std::barrier start(8);
-      std::vector<std::string> answers(8);
-      std::vector<std::thread> threads;
-      for (std::string& answer : answers) {
-        threads.emplace_back([&start, &answer] {
-          start.arrive_and_wait();
-          answer = Answers();
-        });
-      }
-      for (std::thread& thread : threads) {
-        thread.join();
-      }
-      EXPECT_EQ(Lines(8, row.answers), answers);
+      EXPECT_EQ(row.answers, Answers());
       EXPECT_EQ(row.limits, Limits());
       EXPECT_EQ(PlatformUtils::GetInst()->IsSupportOMX() ? "1:load\n" : "", Text("ran"));
     });
   }
+}
+
+TEST_F(PlatformUtilsTest, AsksTheAppliancesLibrariesAsTheyExpectIt) {
+  fs::remove_all("/tmp/Reelhouse");
+  InChild([] {
+    asked.clear();
+    { const LibReelhouse::TransLoading first; }
+    EXPECT_EQ((Lines{"folder /tmp/Reelhouse 0 1 1024 100 493",
+                     "value /etc.defaults/karvinfo.conf unique 256 0"}),
+              asked);
+    // Once about each process, also when one in the middle is dead.
+    SetText("/tmp/Reelhouse/enabled", R"([{"PID":1},{"PID":2147483647},{"PID":"1"},{"PID":2}])");
+    asked.clear();
+    { const LibReelhouse::TransLoading second; }
+    EXPECT_EQ((Lines{"alive 1", "alive 2147483647", "alive 2"}), asked);
+  });
 }
 
 TEST_F(PlatformUtilsTest, ReadsTheFilesOfProcLineByLine) {

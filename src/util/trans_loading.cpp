@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 #include <syslog.h>
 
-#include <algorithm>
 #include <exception>
 #include <string_view>
 #include <utility>
@@ -109,11 +108,6 @@ bool TransLoading::ReadAndCheckAlive() try {
   }
   if (!record.isArray()) {
     return false;
-  }
-  if (loading.empty() && std::all_of(record.begin(), record.end(), IsAlive)) {
-    // The usual case, and it costs nothing to take the list as it is.
-    loading.swap(record);
-    return true;
   }
   for (Json::Value& entry : record) {
     if (IsAlive(entry)) {
