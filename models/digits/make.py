@@ -20,7 +20,7 @@ import numpy as np
 import openvino as ov
 import tensorflow as tf
 from google.protobuf import descriptor_pb2, descriptor_pool, message_factory, text_format
-from openvino import opset8 as op
+from openvino import opset7 as op  # the newest of 2021.4
 from sklearn.datasets import load_digits
 from sklearn.model_selection import train_test_split
 from tensorflow.lite.tools import flatbuffer_utils
@@ -245,7 +245,11 @@ def read_caffe(file):
 
 
 def write_openvino(weights):
-    for file, half in (("digits-cpu.xml", False), ("digits-gpu.xml", True)):
+    for name, dtype in (("digits-cpu", np.float32), ("digits-gpu", np.float16)):
+        def constant(array):  # 16 bits in the file; the network computes in what its device has
+            node = op.constant(array.astype(dtype))
+            return node if dtype == np.float32 else op.convert(node, np.float32)
+
         data = op.parameter([1, 3, HEIGHT, WIDTH], np.float32, name="data")
         nodes = [data]
         for layer in LAYERS:
@@ -258,21 +262,23 @@ def write_openvino(weights):
                     convolution = op.group_convolution
                     w = w.reshape(conv.group, -1, *w.shape[1:])
                 strides, pads = [conv.stride[0]] * 2, [conv.pad[0]] * 2
-                x = convolution(x, w, strides, pads, pads, [1, 1])
-                x = op.add(x, b.reshape(1, -1, 1, 1), name=layer.name)
+                x = convolution(x, constant(w), strides, pads, pads, [1, 1])
+                x = op.add(x, constant(b.reshape(1, -1, 1, 1)), name=layer.name)
             elif layer.type == "ReLU":
                 x = op.relu(x, name=layer.name)
             elif layer.type == "InnerProduct":
                 x = op.reshape(x, np.array([0, -1]), special_zero=True)  # 0 keeps the batch size
-                x = op.add(op.matmul(x, w, False, True), b.reshape(1, -1), name=layer.name)
+                x = op.matmul(x, constant(w), False, True)
+                x = op.add(x, constant(b.reshape(1, -1)), name=layer.name)
             else:
                 x = op.softmax(x, 1, name=layer.name)
             nodes.append(x)
         ends = {node.friendly_name: node.output(0) for node in nodes}
-        for name in ("data", "features", "prob"):
-            ends[name].set_names({name})
+        for end in ("data", "features", "prob"):
+            ends[end].set_names({end})
         model = ov.Model([ends["features"], ends["prob"]], [data], "digits")
-        ov.save_model(model, HERE / file, compress_to_fp16=half)
+        # Version 10 is read by the engines of 2021 as well.
+        ov.serialize(model, HERE / f"{name}.xml", HERE / f"{name}.bin", version="IR_V10")
 
 
 def write_tflite(model):
