@@ -13,26 +13,16 @@ else()
 endif()
 message(STATUS "OpenCV ${OpenCV_VERSION}: dnn API ${VELMORA_OPENCV_BRIDGE}")
 
-# The Inference Engine: an OpenVINO that the user names (OpenVINO_DIR) or has, else the one that
-# scripts/setup brings.
+# The Inference Engine. One that the user names, on the command line or else in the environment, is
+# taken or is an error. Without a name: one of 2021 that the machine has, then an OpenVINO, then the
+# OpenVINO that scripts/setup brings.
 option(VELMORA_INFERENCE_ENGINE "Build the Inference Engine (OpenVINO) backend" ON)
+set(InferenceEngine_INCLUDE_DIR "" CACHE PATH
+  "The folder of inference_engine.hpp, of an Inference Engine without a CMake package")
+set(InferenceEngine_LIBRARY_DIR "" CACHE PATH "The folder of its libraries")
 set(VELMORA_OPENVINO_BRIDGE missing)
 if(VELMORA_INFERENCE_ENGINE)
-  find_package(OpenVINO QUIET COMPONENTS Runtime
-    PATHS ${PROJECT_SOURCE_DIR}/.deps/openvino/openvino/cmake)
-  if(NOT OpenVINO_FOUND)
-    message(FATAL_ERROR "OpenVINO was not found: run scripts/setup, or set OpenVINO_DIR, or build "
-      "without it (-DVELMORA_INFERENCE_ENGINE=OFF)")
-  endif()
-  include(CheckIncludeFileCXX)
-  set(CMAKE_REQUIRED_LIBRARIES openvino::runtime)
-  check_include_file_cxx(inference_engine.hpp VELMORA_HAS_NATIVE_INFERENCE_ENGINE)
-  unset(CMAKE_REQUIRED_LIBRARIES)
-  if(VELMORA_HAS_NATIVE_INFERENCE_ENGINE)
-    set(VELMORA_OPENVINO_BRIDGE native)
-  else()
-    set(VELMORA_OPENVINO_BRIDGE bridge)
-  endif()
+  include(${CMAKE_CURRENT_LIST_DIR}/InferenceEngine.cmake)
   message(STATUS "OpenVINO ${OpenVINO_VERSION}: Inference Engine API ${VELMORA_OPENVINO_BRIDGE}")
 endif()
 
@@ -42,11 +32,18 @@ option(VELMORA_TENSORFLOW_LITE "Build the TensorFlow Lite backend" ON)
 set(VELMORA_TENSORFLOW_LITE_BRIDGE missing)
 if(VELMORA_TENSORFLOW_LITE)
   add_library(velmora-tensorflow-lite SHARED IMPORTED)
-  find_path(TensorFlowLite_INCLUDE_DIR tensorflow/lite/interpreter.h)
-  find_library(TensorFlowLite_LIBRARY tensorflow-lite)
+  # Named by the user or looked for anew: an answer of an earlier configuration is not kept.
+  foreach(named IN ITEMS TensorFlowLite_INCLUDE_DIR TensorFlowLite_LIBRARY TensorFlowLite_C_LIBRARY)
+    if(${named} AND NOT EXISTS "${${named}}")
+      message(FATAL_ERROR "${named} names ${${named}}, which does not exist")
+    endif()
+  endforeach()
+  if(NOT TensorFlowLite_C_LIBRARY)
+    find_path(TensorFlowLite_INCLUDE_DIR tensorflow/lite/interpreter.h NO_CACHE)
+    find_library(TensorFlowLite_LIBRARY tensorflow-lite NO_CACHE)
+  endif()
   find_library(TensorFlowLite_C_LIBRARY jnitensorflowlite
-    PATHS ${PROJECT_SOURCE_DIR}/.deps/tensorflow-lite)
-  mark_as_advanced(TensorFlowLite_INCLUDE_DIR TensorFlowLite_LIBRARY TensorFlowLite_C_LIBRARY)
+    PATHS ${PROJECT_SOURCE_DIR}/.deps/tensorflow-lite NO_CACHE)
   if(TensorFlowLite_INCLUDE_DIR AND TensorFlowLite_LIBRARY)
     set(VELMORA_TENSORFLOW_LITE_BRIDGE native)
     set_target_properties(velmora-tensorflow-lite PROPERTIES
@@ -61,13 +58,15 @@ if(VELMORA_TENSORFLOW_LITE)
       "and library, or build without it (-DVELMORA_TENSORFLOW_LITE=OFF)")
   endif()
   # Asked of the library: nothing beside it tells.
-  if(NOT DEFINED TensorFlowLite_VERSION)
-    file(WRITE ${CMAKE_BINARY_DIR}/version/tensorflow_lite.cpp
-      "#include <cstdio>\nextern \"C\" const char* TfLiteVersion();\n"
-      "int main() { std::fputs(TfLiteVersion(), stdout); }\n")
-    try_run(ran compiled ${CMAKE_BINARY_DIR}/version ${CMAKE_BINARY_DIR}/version/tensorflow_lite.cpp
-      LINK_LIBRARIES velmora-tensorflow-lite RUN_OUTPUT_VARIABLE TensorFlowLite_VERSION)
-    set(TensorFlowLite_VERSION "${TensorFlowLite_VERSION}" CACHE INTERNAL "")
+  file(WRITE ${CMAKE_BINARY_DIR}/version/tensorflow_lite.cpp
+    "#include <cstdio>\nextern \"C\" const char* TfLiteVersion();\n"
+    "int main() { std::fputs(TfLiteVersion(), stdout); }\n")
+  unset(ran CACHE)
+  unset(compiled CACHE)
+  try_run(ran compiled ${CMAKE_BINARY_DIR}/version ${CMAKE_BINARY_DIR}/version/tensorflow_lite.cpp
+    LINK_LIBRARIES velmora-tensorflow-lite RUN_OUTPUT_VARIABLE TensorFlowLite_VERSION)
+  if(NOT compiled)
+    message(FATAL_ERROR "Nothing can be linked with ${TensorFlowLite_LIBRARY} ${TensorFlowLite_C_LIBRARY}")
   endif()
   message(STATUS "TensorFlow Lite ${TensorFlowLite_VERSION}: C++ API ${VELMORA_TENSORFLOW_LITE_BRIDGE}")
 endif()

@@ -40,8 +40,11 @@ install(DIRECTORY ${sample}/images
 # The engines that scripts/setup brought go along; those of the machine are used where they are.
 set(engines ${PROJECT_SOURCE_DIR}/.deps)
 set(runtime_doc_dir ${CMAKE_INSTALL_DATADIR}/doc/libvelmora-plugin-model${PROJECT_VERSION_MAJOR})
-cmake_path(IS_PREFIX engines "${OpenVINO_DIR}" brought_openvino)
-if(VELMORA_INFERENCE_ENGINE AND brought_openvino)
+set(brought_openvino FALSE)
+if(VELMORA_OPENVINO_BRIDGE STREQUAL "bridge")
+  cmake_path(IS_PREFIX engines "${OpenVINO_DIR}" brought_openvino)
+endif()
+if(brought_openvino)
   # OpenVINO looks for everything beside its own library. An IR on the CPU and the GPU needs its
   # reader, the two plug-ins with the GPU's table of kernels, and the threads library with what that
   # opens by itself; the other readers and devices stay behind.
