@@ -1,12 +1,8 @@
 #include <cstring>
-#include <filesystem>
 #include <inference_engine.hpp>
 #include <openvino/openvino.hpp>
-#include <set>
-#include <system_error>
+#include <openvino/opsets/opset8.hpp>
 #include <utility>
-
-#include "network/log.h"
 
 namespace InferenceEngine {
 
@@ -53,6 +49,37 @@ Names NamesOf(const ov::Model& model) {
   return names;
 }
 
+/// A Reshape to a constant shape has the batch of its day in the first number. From now on it holds
+/// as many for each slot of a batch as it does today.
+void LetReshapesFollowTheBatch(const ov::Model& model) {
+  using namespace ov::opset8;
+  const auto number = [](std::int64_t value) {
+    return Constant::create(ov::element::i64, {1}, {value});
+  };
+  for (const std::shared_ptr<ov::Node>& node : model.get_ordered_ops()) {
+    if (!ov::is_type<Reshape>(node)) {
+      continue;
+    }
+    const auto shape = ov::as_type_ptr<Constant>(node->get_input_node_shared_ptr(1));
+    const ov::PartialShape from = node->get_input_partial_shape(0);
+    if (!shape || from.rank().is_dynamic() || from.size() < 2 || from[0].is_dynamic()) {
+      continue;
+    }
+    std::vector<std::int64_t> sizes = shape->cast_vector<std::int64_t>();
+    if (sizes.size() < 2 || sizes[0] <= 0 || from[0].get_length() == 0) {
+      continue;
+    }
+    const auto batch = std::make_shared<Gather>(std::make_shared<ShapeOf>(node->input_value(0)),
+                                                number(0), number(0));
+    const auto first = std::make_shared<Divide>(std::make_shared<Multiply>(batch, number(sizes[0])),
+                                                number(from[0].get_length()));
+    sizes.erase(sizes.begin());
+    const auto others = Constant::create(ov::element::i64, {sizes.size()}, sizes);
+    node->input(1).replace_source_output(
+        std::make_shared<Concat>(ov::OutputVector{first, others}, 0));
+  }
+}
+
 }  // namespace
 
 struct CNNNetwork::Impl {
@@ -72,30 +99,8 @@ struct InferRequest::Impl {
 
 struct Core::Impl {
   ov::Core core;
-  std::string cache;  // its folder; empty when there is none
+  bool caches = false;
 };
-
-namespace {
-
-/// Files with something in them: on a full disk the engine leaves empty ones.
-std::set<std::string> FilesIn(const std::string& folder) {
-  std::set<std::string> files;
-  std::error_code error;
-  for (std::filesystem::directory_iterator file(folder, error), end; !error && file != end;
-       file.increment(error)) {
-    if (file->file_size(error) > 0 && !error) {
-      files.insert(file->path().filename());
-    }
-    error.clear();
-  }
-  return files;
-}
-
-void LogNoCache(const std::string& folder, const char* why) {
-  velmora::plugin::network::LogInfo("[IeNetwork] No model cache: {}: {}", folder, why);
-}
-
-}  // namespace
 
 std::size_t Blob::size() const {
   std::size_t size = 1;
@@ -146,9 +151,20 @@ InferRequest ExecutableNetwork::CreateInferRequest() {
 
 void CNNNetwork::setBatchSize(std::size_t size) {
   InputShapes shapes = getInputShapes();
+  // The batch that the model has. Of three dimensions or one, the first may be something else.
+  std::size_t batch = 1;
+  for (const auto& [name, shape] : shapes) {
+    if ((shape.size() == 2 || shape.size() > 3) && shape[0] != 0) {
+      batch = shape[0];
+      break;
+    }
+  }
+  if (batch != size) {
+    LetReshapesFollowTheBatch(*impl_->model);
+  }
   for (auto& [name, shape] : shapes) {
     if (!shape.empty()) {
-      shape[0] = size;
+      shape[0] = shape[0] == 0 ? size : (shape[0] * size + batch - 1) / batch;  // rounded up
     }
   }
   reshape(shapes);
@@ -157,10 +173,12 @@ void CNNNetwork::setBatchSize(std::size_t size) {
 CNNNetwork::InputShapes CNNNetwork::getInputShapes() const {
   InputShapes shapes;
   for (const auto& [name, port] : impl_->names.inputs) {
-    // A dimension that the model leaves open counts as 1 until it is set.
-    const ov::PartialShape shape = impl_->model->input(port.index).get_partial_shape();
-    for (const ov::Dimension& dim : shape) {
-      shapes[name].push_back(dim.is_static() ? static_cast<std::size_t>(dim.get_length()) : 1);
+    SizeVector& shape = shapes[name];
+    const ov::PartialShape declared = impl_->model->input(port.index).get_partial_shape();
+    if (declared.rank().is_static()) {
+      for (const ov::Dimension& dim : declared) {
+        shape.push_back(dim.is_static() ? static_cast<std::size_t>(dim.get_length()) : 0);
+      }
     }
   }
   return shapes;
@@ -168,12 +186,19 @@ CNNNetwork::InputShapes CNNNetwork::getInputShapes() const {
 
 void CNNNetwork::reshape(const InputShapes& shapes) {
   // Not for nothing: the engine goes through the whole network.
-  if (!impl_->model->is_dynamic() && shapes == getInputShapes()) {
+  if (shapes == getInputShapes()) {
     return;
   }
   std::map<std::size_t, ov::PartialShape> ports;
   for (const auto& [name, shape] : shapes) {
-    ports[impl_->names.inputs.at(name).index] = ov::Shape(shape);
+    const std::size_t index = impl_->names.inputs.at(name).index;
+    ports[index] = impl_->model->input(index).get_partial_shape();
+    for (std::size_t i = 0; i < shape.size(); ++i) {
+      if (shape[i] != 0) {
+        ports[index][static_cast<std::ptrdiff_t>(i)] =
+            ov::Dimension(static_cast<std::int64_t>(shape[i]));
+      }
+    }
   }
   impl_->model->reshape(ports);
 }
@@ -195,17 +220,15 @@ OutputsDataMap CNNNetwork::getOutputsInfo() const {
 }
 
 Core::Core(const std::string& xml_config_file)
-    : impl_(std::make_shared<Impl>(Impl{ov::Core(xml_config_file), {}})) {}
+    : impl_(std::make_shared<Impl>(Impl{ov::Core(xml_config_file)})) {}
 
 void Core::SetConfig(const std::map<std::string, std::string>& config,
                      const std::string& /*device*/) {
-  const std::string& folder = config.at("CACHE_DIR");
   try {
-    impl_->core.set_property(ov::cache_dir(folder));
-    impl_->cache = folder;
+    impl_->core.set_property(ov::cache_dir(config.at("CACHE_DIR")));
+    impl_->caches = true;
   } catch (const std::exception&) {
     impl_->core.set_property(ov::cache_dir(""));
-    LogNoCache(folder, "the folder cannot be made");
   }
 }
 
@@ -243,25 +266,17 @@ ExecutableNetwork Core::LoadNetwork(const CNNNetwork& network, const std::string
   if (device == "CPU") {
     properties.insert(ov::hint::inference_precision(ov::element::f32));
   }
-  const std::set<std::string> cached = FilesIn(impl_->cache);
   ov::CompiledModel compiled;
   try {
     compiled = impl_->core.compile_model(model, device, properties);
   } catch (const std::exception&) {
-    if (impl_->cache.empty()) {
+    if (!impl_->caches) {
       throw;
     }
-    // A file there that may not be read is an error to the engine.
+    // A file in the cache that may not be read is an error to the engine.
+    impl_->caches = false;
     impl_->core.set_property(ov::cache_dir(""));
     compiled = impl_->core.compile_model(model, device, properties);
-    LogNoCache(impl_->cache, "a file in it cannot be used");
-    impl_->cache.clear();
-  }
-  // A model that neither came from the cache nor went into it: what is there is damaged, or nothing
-  // can be written there. The engine itself says nothing.
-  if (!impl_->cache.empty() && !compiled.get_property(ov::loaded_from_cache) &&
-      FilesIn(impl_->cache) == cached) {
-    LogNoCache(impl_->cache, "the folder is full or read-only, or a file in it is damaged");
   }
   return ExecutableNetwork(
       std::make_shared<ExecutableNetwork::Impl>(ExecutableNetwork::Impl{compiled, names}));

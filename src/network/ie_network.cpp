@@ -1,11 +1,14 @@
+#include <fcntl.h>
 #include <reelhouse/trans_loading.h>
 #include <stdlib.h>
+#include <unistd.h>
 #include <velmora-plugin-platform/platform.h>
 #include <velmora/plugin/network/ie_network.h>
 
 #include <algorithm>
-#include <cstring>
+#include <cerrno>
 #include <inference_engine.hpp>
+#include <system_error>
 #include <utility>
 
 #include "network/interleave.h"
@@ -17,6 +20,12 @@ namespace {
 
 // How long the GPU has to stay free before a network returns to it.
 constexpr std::chrono::seconds kReturnDelay(60);
+
+// The model cache.
+constexpr const char* kCacheFolder = "/var/packages/Velmora/target/models/openvino_cache";
+
+// What Wait() takes to wait for the result. Its name in the engine has moved within 2021.
+constexpr std::int64_t kResultReady = -1;
 
 bool IsHardwareTranscoding() {
   const LibReelhouse::TransLoading record;
@@ -50,7 +59,11 @@ void IeNetwork::Initialize() {
   const std::string bin_path = use_gpu ? config_.ie_gpu_bin_path : config_.ie_cpu_bin_path;
 
   InferenceEngine::Core core("");
-  core.SetConfig({{"CACHE_DIR", "/var/packages/Velmora/target/models/openvino_cache"}}, "");
+  core.SetConfig({{"CACHE_DIR", kCacheFolder}}, "");
+  if (faccessat(AT_FDCWD, kCacheFolder, R_OK | W_OK | X_OK, AT_EACCESS) != 0) {
+    LogInfo("[IeNetwork] No model cache: {}: {}", kCacheFolder,
+            std::generic_category().message(errno));
+  }
   InferenceEngine::CNNNetwork network = core.ReadNetwork(xml_path, bin_path);
   if (network.getInputsInfo().empty()) {
     throw Exception("[IeNetwork] The model has no input");
@@ -61,7 +74,7 @@ void IeNetwork::Initialize() {
   network.setBatchSize(config_.batch_size);
 
   if (config_.input_width != 0 && config_.input_height != 0) {
-    InferenceEngine::CNNNetwork::InputShapes shapes = network.getInputShapes();
+    auto shapes = network.getInputShapes();
     auto& [name, shape] = *shapes.begin();
     if (shape.size() < 4) {
       throw Exception("[IeNetwork] An input of fewer than four dimensions cannot be reshaped");
@@ -69,6 +82,13 @@ void IeNetwork::Initialize() {
     shape[2] = config_.input_height;
     shape[3] = config_.input_width;
     network.reshape(shapes);
+  }
+
+  const auto shapes = network.getInputShapes();
+  const InferenceEngine::SizeVector& shape = shapes.begin()->second;
+  if (std::find(shape.begin(), shape.end(), 0U) != shape.end()) {  // which no size is
+    throw Exception(
+        "[IeNetwork] The input leaves sizes open: set both input_width and input_height");
   }
 
   const InferenceEngine::InputsDataMap inputs = network.getInputsInfo();
@@ -129,7 +149,7 @@ void IeNetwork::SetInputData(const std::vector<cv::Mat>& images) {
   const InferenceEngine::Blob::Ptr blob = infer_request_->GetBlob(input_name_);
   const InferenceEngine::SizeVector dims = blob->getTensorDesc().getDims();
   const auto memory = std::dynamic_pointer_cast<InferenceEngine::MemoryBlob>(blob);
-  if (dims.size() < 4 || !memory) {
+  if (dims.size() != 4 || !memory) {
     throw Exception("[IeNetwork] The input does not take images");
   }
   const std::size_t batch = dims[0];
@@ -188,7 +208,7 @@ void IeNetwork::ForwardAsync(const cv::Mat& image) {
 }
 
 OutputMap IeNetwork::WaitOutput() {
-  infer_request_->Wait(InferenceEngine::InferRequest::RESULT_READY);
+  infer_request_->Wait(kResultReady);
   return ReadOutputs();
 }
 

@@ -21,7 +21,12 @@ bool Answer(const std::string& engine) {
 namespace plugin::platform {
 bool IsSupportedIENetwork() { return Answer("ie"); }
 bool IsSupportedTFLiteNetwork() { return Answer("tflite"); }
-bool IsSupportedIENetworkGpu() { return Answer("gpu"); }
+bool IsSupportedIENetworkGpu() {
+  const char* const drivers = std::getenv("OCL_ICD_VENDORS");
+  const bool answer = Answer("gpu");
+  questions += drivers == nullptr ? "" : " " + std::string(drivers);
+  return answer;
+}
 }  // namespace plugin::platform
 
 std::string test::TakeQuestions() { return std::exchange(questions, {}); }

@@ -8,7 +8,8 @@
 
 namespace velmora::test {
 
-/// What was asked since the last call, in order, with blanks between.
+/// What was asked since the last call, in order, with blanks between; behind "gpu" the list of
+/// OpenCL drivers that was set then.
 __attribute__((visibility("default"))) std::string TakeQuestions();
 
 }  // namespace velmora::test

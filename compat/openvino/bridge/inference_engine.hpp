@@ -1,13 +1,15 @@
 // The Inference Engine API of 2021, over OpenVINO's API 2.0 (2024.3 and later, whose packages no
-// longer have the old one). Only the names that src/network/ uses. Where the real headers are, from
-// 2021.x to 2023.3, this one is not compiled.
+// longer have the old one). Only the names that src/network/ uses. Where the real headers are, this
+// one is not compiled.
 //
-// What the old API promises and the new one does not is kept here:
+// What the old API promises and the new one does not is kept here; what differs from the real
+// engine all the same is in docs/architecture.md:
 //   - an input is named by its layer, an output by the layer that produces it, with ".N" behind the
 //     name when that layer has several outputs; a tensor name of the model is accepted too where no
 //     layer has the name;
 //   - inputs and outputs come in maps, sorted by name;
-//   - the batch size is set on every input;
+//   - a batch that the model already has changes nothing; another one scales the first dimension of
+//     every input in proportion;
 //   - a blob's memory is the engine's own, and is written and read in place.
 #pragma once
 
@@ -117,8 +119,6 @@ class MemoryBlob : public Blob {
 
 class InferRequest {
  public:
-  enum WaitMode : std::int64_t { RESULT_READY = -1 };
-
   struct Impl;
   InferRequest() = default;
   explicit InferRequest(std::shared_ptr<Impl> impl) : impl_(std::move(impl)) {}
@@ -127,7 +127,7 @@ class InferRequest {
   Blob::Ptr GetBlob(const std::string& name);
   void Infer();
   void StartAsync();
-  void Wait(std::int64_t mode);
+  void Wait(std::int64_t milliseconds);  // -1, the only value here: until the result is ready
 
  private:
   std::shared_ptr<Impl> impl_;
@@ -145,6 +145,8 @@ class ExecutableNetwork {
 
 class CNNNetwork {
  public:
+  /// A dimension that the model leaves open is 0, which in the real engine none can be. One of 0
+  /// stays as it is in reshape(). An open batch takes the size that is set.
   using InputShapes = std::map<std::string, SizeVector>;
 
   struct Impl;
@@ -165,13 +167,13 @@ class Core {
   struct Impl;
   explicit Core(const std::string& xml_config_file);
 
-  /// Takes "CACHE_DIR". A folder that cannot be used is left out, with a line in the log: a cache
-  /// makes loading faster and must not keep it from working.
+  /// Takes "CACHE_DIR". A folder that cannot be made is left out: a cache makes loading faster and
+  /// must not keep it from working.
   void SetConfig(const std::map<std::string, std::string>& config, const std::string& device);
   CNNNetwork ReadNetwork(const std::string& model_path, const std::string& weights_path);
 
-  /// On the CPU a network computes in 32-bit floats, as it did in 2021: today's engine would take
-  /// 16 bits where the processor has them.
+  /// On the CPU a network computes in 32-bit floats, for the same answers on every machine: the
+  /// engine, that of 2021 too, would take 16 bits where the processor has them.
   ExecutableNetwork LoadNetwork(const CNNNetwork& network, const std::string& device,
                                 const std::map<std::string, std::string>& config);
 

@@ -23,7 +23,9 @@ namespace velmora::plugin::network {
 /// first by name, and must take N x C x H x W. An output is returned whole, in its own order.
 ///
 /// A move between the devices can fail: the inference that wanted it then throws what the
-/// constructor would, and later ones run where the network was.
+/// constructor would. It is not tried again: later ones run where the network was, be it on the GPU
+/// beside a transcode, until a next move succeeds. GetDevice() and what the next move starts from
+/// are the new device all the same.
 ///
 /// Constructing one sets the environment variable OCL_ICD_VENDORS of the process. Besides
 /// Exception, the operations throw the engine's exceptions unchanged.
@@ -32,8 +34,10 @@ class VELMORA_EXPORT IeNetwork : public BaseNetwork {
   /// Loads the model. The GPU is considered when the machine has one that the engine can use, and
   /// both of ie_gpu_xml_path and ie_gpu_bin_path are set. Throws Exception
   /// "[IeNetwork] Init network failed" when the device cannot load the model, and others for a
-  /// model without inputs, a batch size of 0, and a size for an input of fewer than four
-  /// dimensions. A file that cannot be read is the engine's exception.
+  /// model without inputs, a batch size of 0, a size for an input of fewer than four dimensions,
+  /// and an input that leaves sizes open: an open batch takes batch_size, an open height and width
+  /// need both of input_width and input_height. A file that cannot be read is the engine's
+  /// exception.
   explicit IeNetwork(NetworkConfig config);
   ~IeNetwork() override;
 
