@@ -1,34 +1,47 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <syslog.h>
 #include <tensorflow/lite/model.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstdio>
+#include <cstdlib>
 #include <utility>
 
-#include "network/log.h"
 #include "tensorflow_lite/c_api.h"
 
 namespace velmora::plugin::network::tflite {
 
 namespace {
 
+constexpr int kPriority = LOG_LOCAL1 | LOG_INFO;  // that of the network code's lines
+
 class LogReporter : public ErrorReporter {
  public:
   int Report(const char* format, va_list arguments) override {
-    char text[512];
-    const int length = std::vsnprintf(text, sizeof text, format, arguments);
-    LogInfo("[TfLiteNetwork] TensorFlow Lite: {}", text);
+    char* text = nullptr;
+    const int length = vasprintf(&text, format, arguments);
+    if (length < 0) {
+      return length;  // no memory for a line in the log
+    }
+    // The engine ends some of its texts with a newline, and has others of several lines.
+    char* end = text + length;
+    while (end != text && end[-1] == '\n') {
+      --end;
+    }
+    *end = '\0';
+    std::replace(text, end, '\n', ' ');
+    syslog(kPriority, "%s:%d [TfLiteNetwork] TensorFlow Lite: %s", __FILE__, __LINE__, text);
+    std::free(text);
     return length;
   }
 };
 
-/// Called by the engine, which knows no exceptions.
-void Report(void* reporter, const char* format, va_list arguments) noexcept try {
+void Report(void* reporter, const char* format, va_list arguments) {
   static_cast<ErrorReporter*>(reporter)->Report(format, arguments);
-} catch (...) {  // no memory for a line in the log
 }
 
 /// Null data when the file cannot be mapped.
@@ -73,6 +86,15 @@ struct Delete {
 
 }  // namespace
 
+// NOLINTNEXTLINE(cert-dcl50-cpp): the engine's own has it.
+int ErrorReporter::Report(const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  const int length = Report(format, arguments);
+  va_end(arguments);
+  return length;
+}
+
 ErrorReporter* DefaultErrorReporter() {
   static LogReporter reporter;
   return &reporter;
@@ -93,13 +115,14 @@ std::unique_ptr<FlatBufferModel> FlatBufferModel::VerifyAndBuildFromFile(
   // file.
   MappedFile file(path);
   if (file.data() == nullptr) {
-    LogInfo("[TfLiteNetwork] TensorFlow Lite: Cannot read {}", path);
+    reporter->Report("Cannot read %s", path);
     return nullptr;
   }
   std::unique_ptr<TfLiteModel, Delete> model(
       TfLiteModelCreateWithErrorReporter(file.data(), file.size(), Report, reporter));
-  if (!model || file.size() > INT_MAX ||
-      !extra_verifier->Verify(file.data(), static_cast<int>(file.size()), reporter)) {
+  // What goes beyond the length that this type holds are values behind the tables.
+  const int length = static_cast<int>(std::min<std::size_t>(file.size(), INT_MAX));
+  if (!model || !extra_verifier->Verify(file.data(), length, reporter)) {
     return nullptr;
   }
   return std::make_unique<FlatBufferModel>(

@@ -19,12 +19,13 @@ struct TfLiteNetwork::Engine {
 
 TfLiteNetwork::TfLiteNetwork(NetworkConfig config)
     : BaseNetwork(config), engine_(std::make_unique<Engine>()) {
+  tflite::ErrorReporter* const reporter = tflite::DefaultErrorReporter();
   // The engine would wait at a FIFO for ever.
   std::error_code error;
   if (!std::filesystem::is_regular_file(config_.tflite_model_path, error)) {
+    reporter->Report("Cannot read %s", config_.tflite_model_path.c_str());
     throw Exception("Failed to load model");
   }
-  tflite::ErrorReporter* const reporter = tflite::DefaultErrorReporter();
   // Verified, because the engine trusts what a file says of itself and would read where it points.
   compat::GraphVerifier verifier;
   engine_->model = tflite::FlatBufferModel::VerifyAndBuildFromFile(
@@ -47,7 +48,7 @@ TfLiteNetwork::~TfLiteNetwork() = default;
 
 OutputMap TfLiteNetwork::Forward(const cv::Mat& input) {
   tflite::Interpreter& interpreter = *engine_->interpreter;
-  if (interpreter.inputs().empty()) {
+  if (interpreter.inputs().empty() || interpreter.inputs()[0] < 0) {
     throw Exception("Image does not fit the input tensor");
   }
   if (interpreter.outputs().empty()) {
@@ -60,7 +61,7 @@ OutputMap TfLiteNetwork::Forward(const cv::Mat& input) {
   const TfLiteTensor* const input_tensor = interpreter.tensor(input_index);
   const auto* const dims = input_tensor->dims;
   auto* const destination = interpreter.typed_tensor<float>(input_index);
-  if (dims->size < 4 || dims->data[0] < 1 || destination == nullptr) {
+  if (dims->size < 4 || destination == nullptr) {
     throw Exception("Image does not fit the input tensor");
   }
   const std::size_t size = std::size_t{4} * static_cast<std::uint32_t>(dims->data[1]) *
@@ -78,11 +79,11 @@ OutputMap TfLiteNetwork::Forward(const cv::Mat& input) {
 
   const TfLiteTensor* const output_tensor = interpreter.tensor(output_index);
   const auto* const source = interpreter.typed_output_tensor<float>(0);
-  if (output_tensor->dims->size < 2 || source == nullptr) {
+  if (output_tensor->dims->size < 2) {
     throw Exception("Output tensor is not readable");
   }
   const auto length = static_cast<std::uint32_t>(output_tensor->dims->data[1]);
-  if (std::size_t{4} * length > output_tensor->bytes) {
+  if (length != 0 && (source == nullptr || std::size_t{4} * length > output_tensor->bytes)) {
     throw Exception("Output tensor is not readable");
   }
   OutputMap result;

@@ -34,9 +34,10 @@ class ErrorReporter {
  public:
   virtual ~ErrorReporter() = default;
   virtual int Report(const char* format, va_list arguments) = 0;
+  int Report(const char* format, ...);
 };
 
-/// Writes to the log: a library has no standard error of its own.
+/// Writes to the log, a line for each report: a library has no standard error of its own.
 ErrorReporter* DefaultErrorReporter();
 
 /// A second opinion on a file that the engine has verified.
