@@ -19,7 +19,8 @@ using velmora::plugin::network::NetworkConfig;
 using velmora::plugin::network::TfLiteNetwork;
 using velmora::test::TfLiteWriter;
 
-using Option = TfLiteWriter::Option;
+namespace format = velmora::test::format;
+using Operator = TfLiteWriter::Operator;
 
 /// Random weights, layer by layer.
 class Model {
@@ -30,34 +31,30 @@ class Model {
   void Convolution(int outputs, int kernel, int stride) {
     const int weights = Random({outputs, kernel, kernel, channels_});
     channels_ = outputs;
-    Add(TfLiteWriter::kConv2D, weights, stride, 1,
-        {Int(1, stride), Int(2, stride), {3, kRelu, Option::kByte}});
+    Add(Operator::CONV_2D, weights, stride, format::Conv2DOptionsT());
   }
 
   void Depthwise(int stride) {
-    Add(TfLiteWriter::kDepthwiseConv2D, Random({1, 3, 3, channels_}), stride, 2,
-        {Int(1, stride), Int(2, stride), Int(3, 1), {4, kRelu, Option::kByte}});
+    format::DepthwiseConv2DOptionsT options;
+    options.depth_multiplier = 1;
+    Add(Operator::DEPTHWISE_CONV_2D, Random({1, 3, 3, channels_}), stride, options);
   }
 
   /// The mean of each channel, one fully connected layer and a softmax.
   std::string Classifier(int classes) {
-    const int mean = writer_.Tensor({1, channels_});
-    writer_.Run(TfLiteWriter::kMean, {top_, writer_.Constant({1, 2})}, mean, 27);
-    const int score = writer_.Tensor({1, classes});
-    writer_.Run(TfLiteWriter::kFullyConnected,
-                {mean, Random({classes, channels_}), Random({classes})}, score, 8);
-    const int prob = writer_.Tensor({1, classes});
-    writer_.Run(TfLiteWriter::kSoftmax, {score}, prob, 9, {{0, 1, Option::kFloat}});
-    return writer_.Finish({0}, {prob});
+    using velmora::test::Options;
+    const int mean = writer_.Into({1, channels_}, Operator::MEAN, {top_, writer_.Constant({1, 2})},
+                                  Options(format::ReducerOptionsT()));
+    const int score = writer_.Into({1, classes}, Operator::FULLY_CONNECTED,
+                                   {mean, Random({classes, channels_}), Random({classes})},
+                                   Options(format::FullyConnectedOptionsT()));
+    format::SoftmaxOptionsT softmax;
+    softmax.beta = 1;
+    return writer_.Finish(
+        {0}, {writer_.Into({1, classes}, Operator::SOFTMAX, {score}, Options(softmax))});
   }
 
  private:
-  static constexpr int kRelu = 1;
-
-  static Option Int(int field, int value) {
-    return {field, static_cast<double>(value), Option::kInt};
-  }
-
   int Random(const std::vector<std::int32_t>& shape) {
     std::size_t count = 1;
     for (const std::int32_t dim : shape) {
@@ -71,12 +68,13 @@ class Model {
     return writer_.Constant(shape, values);
   }
 
-  void Add(TfLiteWriter::Operator code, int weights, int stride, std::uint8_t options_type,
-           const std::vector<Option>& options) {
+  template <typename Table>
+  void Add(Operator code, int weights, int stride, Table options) {
+    options.stride_w = options.stride_h = stride;
+    options.fused_activation_function = format::ActivationFunctionType::RELU;
     size_ = (size_ + stride - 1) / stride;
-    const int out = writer_.Tensor({1, size_, size_, channels_});
-    writer_.Run(code, {top_, weights, Random({channels_})}, out, options_type, options);
-    top_ = out;
+    top_ = writer_.Into({1, size_, size_, channels_}, code, {top_, weights, Random({channels_})},
+                        velmora::test::Options(options));
   }
 
   TfLiteWriter writer_;

@@ -7,16 +7,20 @@
 
 namespace velmora::plugin::network::compat {
 
-/// Accepts a graph in which
-///   - every tensor gets its value once, before it is read: it is a constant, an input of the
-///   graph,
-///     or an output of one operator, and an operator reads what those before it made;
-///   - the steps, dilations and windows of convolutions and poolings are 1 to 32767;
-///   - sizes that an operator takes as the values of a constant are at most 32767, and that of a
-///     transposed convolution's output is one that its input can fill;
-///   - a convolution that takes no bias says so by an index of -1.
-/// To be called for a file that the engine has verified; docs/hostile-models.md says what the
-/// engine does with the others, and what is left.
+/// Refuses what the engine does not survive, and nothing that it runs:
+///   - a tensor that two operators make, that is made although the file has its value, or that is
+///     read before it is made;
+///   - a first input of the model that has its value in the file, and so in memory that cannot be
+///     written; its further inputs are never fed;
+///   - a step or a dilation that the engine's 16 bits do not hold; weights of nothing, or for more
+///     groups than outputs; a window of nothing;
+///   - a size, given as the value of a constant, that makes more than 2^31 - 1 elements, which is
+///     where the engine's arithmetic ends, or more memory than the system grants;
+///   - an output of a transposed convolution that its input cannot fill, or a reflection of more
+///     than there is;
+///   - a missing output of the model, or input of an operator, that the engine uses unasked.
+/// Tells the reporter which operator it was, and why. To be called for a file that the engine has
+/// verified; docs/hostile-models.md says what the engine does with the others, and what is left.
 class GraphVerifier : public tflite::TfLiteVerifier {
  public:
   bool Verify(const char* data, int length, tflite::ErrorReporter* reporter) override;

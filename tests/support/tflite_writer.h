@@ -1,63 +1,57 @@
 // Writes small TensorFlow Lite models, for tests and benchmarks.
 #pragma once
 
+#include <model_format_generated.h>
+
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace velmora::test {
 
+namespace format = plugin::network::compat::format;
+
 /// One model of one graph. Tensors are numbered from 0 in the order in which they are added.
 class TfLiteWriter {
  public:
-  // Numbers of the format.
-  enum Type : std::int8_t { kFloat32 = 0, kInt32 = 2 };
-  enum Operator : std::int32_t {
-    kConv2D = 3,
-    kDepthwiseConv2D = 4,
-    kFullyConnected = 9,
-    kMul = 18,
-    kReshape = 22,
-    kSoftmax = 25,
-    kGather = 36,
-    kMean = 40
-  };
+  using Operator = format::BuiltinOperator;
+  using Type = format::TensorType;
+  using Shape = std::vector<std::int32_t>;
 
-  /// An option of an operator: its field and its value. `is_byte` for enumerations.
-  struct Option {
-    int field;
-    double value;
-    enum Kind { kByte, kInt, kFloat } kind;
-  };
+  TfLiteWriter();
 
-  int Tensor(const std::vector<std::int32_t>& shape, Type type = kFloat32);
-  int Constant(const std::vector<std::int32_t>& shape, const std::vector<float>& values);
+  int Tensor(const Shape& shape, Type type = Type::FLOAT32);
+  int Constant(const Shape& shape, const std::vector<float>& values);
   int Constant(const std::vector<std::int32_t>& values);
+  int Constant(const Shape& shape, Type type, const void* bytes, std::size_t size);
 
-  /// `options_type` is the format's number of the options' table; 0 for none.
-  void Run(int code, const std::vector<std::int32_t>& inputs, std::int32_t output,
-           std::uint8_t options_type = 0, const std::vector<Option>& options = {}, int version = 1);
+  void Run(Operator code, const std::vector<std::int32_t>& inputs,
+           const std::vector<std::int32_t>& outputs, format::BuiltinOptionsUnion options = {},
+           int version = 1);
+
+  /// The same into a new tensor of floats, whose number it returns.
+  int Into(const Shape& shape, Operator code, const std::vector<std::int32_t>& inputs,
+           format::BuiltinOptionsUnion options = {}, int version = 1) {
+    const int output = Tensor(shape);
+    Run(code, inputs, {output}, std::move(options), version);
+    return output;
+  }
 
   /// The bytes of the file.
   std::string Finish(const std::vector<std::int32_t>& inputs,
-                     const std::vector<std::int32_t>& outputs) const;
+                     const std::vector<std::int32_t>& outputs);
 
- private:
-  struct TensorInfo {
-    std::vector<std::int32_t> shape;
-    Type type;
-    std::string data;
-  };
-  struct Step {
-    int code;
-    int version;
-    std::vector<std::int32_t> inputs;
-    std::int32_t output;
-    std::uint8_t options_type;
-    std::vector<Option> options;
-  };
-  std::vector<TensorInfo> tensors_;
-  std::vector<Step> steps_;
+  /// What is not said above can be said here.
+  format::ModelT model;
 };
+
+/// The options of an operator, for Run.
+template <typename Table>
+format::BuiltinOptionsUnion Options(Table table) {
+  format::BuiltinOptionsUnion options;
+  options.Set(std::move(table));
+  return options;
+}
 
 }  // namespace velmora::test
