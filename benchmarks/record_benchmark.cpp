@@ -93,9 +93,8 @@ void SystemCalls(const std::string& text, std::int64_t entries, bool with_json) 
   flock(lock, LOCK_EX);
   stat(record, &status);
   int file = Open(O_RDONLY, 0);
-  fcntl(file, F_GETFL);
   std::size_t length = 0;
-  for (ssize_t size = 0; (size = read(file, buffer.data() + length, 999)) > 0;) {
+  for (ssize_t size = 0; (size = read(file, buffer.data() + length, 4096)) > 0;) {
     length += static_cast<std::size_t>(size);
   }
   close(file);
@@ -103,7 +102,6 @@ void SystemCalls(const std::string& text, std::int64_t entries, bool with_json) 
     tgkill(self, self, 0);
   }
   file = Open(O_WRONLY | O_CREAT | O_TRUNC, 0666);
-  fcntl(file, F_GETFL);
   if (with_json) {
     const std::string written = ParseAndWrite(std::string(buffer.data(), length));
     benchmark::DoNotOptimize(write(file, written.data(), written.size()));

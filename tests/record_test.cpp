@@ -239,18 +239,17 @@ constexpr int killed = -2;     // or the process does not live to make it
 struct Fate {
   int what;
   std::set<long> calls;  // those that it may befall, for as much as the kernel says of it
-  std::set<long> loses;  // those that lose others' entries; writev counts as write
+  std::set<long> loses;  // those that lose others' entries
 };
 
 const Fate fates[] = {
-    {EINTR, {SYS_openat, SYS_flock, SYS_read, SYS_write, SYS_writev, SYS_close}, {}},
-    {shortened, {SYS_read, SYS_write, SYS_writev}, {}},
+    {EINTR, {SYS_openat, SYS_flock, SYS_read, SYS_write, SYS_close}, {}},
+    {shortened, {SYS_read, SYS_write}, {}},
     {EMFILE, {SYS_openat}, {SYS_openat}},
-    {ENOSPC, {SYS_write, SYS_writev}, {SYS_write}},
+    {ENOSPC, {SYS_write}, {SYS_write}},
     {EIO,
-     {SYS_newfstatat, SYS_openat, SYS_flock, SYS_fcntl, SYS_read, SYS_write, SYS_writev, SYS_close,
-      SYS_chmod},
-     {SYS_newfstatat, SYS_openat, SYS_fcntl, SYS_read, SYS_write}},
+     {SYS_newfstatat, SYS_openat, SYS_flock, SYS_read, SYS_write, SYS_close, SYS_chmod},
+     {SYS_newfstatat, SYS_openat, SYS_read, SYS_write}},
 };
 
 struct Befallen {
@@ -309,7 +308,7 @@ Befallen Befall(const Fate& fate, int n, const std::function<void()>& body) {
     EXPECT_TRUE(number != SYS_openat || (call.rdx & O_CLOEXEC) != 0);
     if (befallen.call < 0) {
       befallen.emptied |= number == SYS_openat && (call.rdx & O_TRUNC) != 0;
-      befallen.written |= number == SYS_write || number == SYS_writev;
+      befallen.written |= number == SYS_write;
     }
     EXPECT_TRUE(at_a_call());  // it returns
     if (now && fate.what > 0) {
@@ -365,7 +364,7 @@ TEST_F(RecordTest, NoCallThatFailsLosesAnEntryWithoutALogLine) {
               return;
             }
             EXPECT_EQ("[]\n", Text(record));
-            loses.insert(befallen.call == SYS_writev ? SYS_write : befallen.call);
+            loses.insert(befallen.call);
             // A short record fails as the file is closed, which only the next reader notices.
             EXPECT_TRUE(!lines.empty() || (count == 1 && later == Lines{not_parsed}));
           });

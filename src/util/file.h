@@ -7,12 +7,8 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
-#include <ext/stdio_filebuf.h>
-#include <fstream>
-#include <new>
 #include <string>
-#include <utility>
+#include <string_view>
 
 namespace LibReelhouse {
 
@@ -38,30 +34,41 @@ inline int OpenFile(const char* path, int flags, mode_t mode) {
   return fd;
 }
 
-/// Opens a std::ifstream with mode in, or a std::ofstream with mode out | trunc, as its own open()
-/// would, but through OpenFile(): the standard streams do not open close-on-exec. A failure leaves
-/// the stream closed, with failbit set.
-template <typename Stream>
-void OpenStream(Stream& stream, const std::string& path, std::ios::openmode mode) {
-  const int flags = (mode & std::ios::out) != 0 ? O_WRONLY | O_CREAT | O_TRUNC : O_RDONLY;
-  const int fd = OpenFile(path.c_str(), flags, 0666);
-  // A request of 1 KiB or more makes malloc tidy up all that JsonCpp has freed in small pieces, at
-  // the price of several reads: a read buffer stays below. A write buffer has the standard size,
-  // which decides what is short enough to be written, and to fail, only as the stream is closed.
-  const std::size_t size = (mode & std::ios::out) != 0 ? BUFSIZ : 1000;
-  try {
-    __gnu_cxx::stdio_filebuf<char> buffer(fd, mode, size);
-    if (buffer.is_open()) {
-      *stream.rdbuf() = std::move(buffer);
-      return;
-    }
+/// Closes a descriptor at the end of a block; -1 for none. What closing may report is passed over.
+class FileDescriptor {
+ public:
+  explicit FileDescriptor(int descriptor) : fd(descriptor) {}
+  FileDescriptor(const FileDescriptor&) = delete;
+  FileDescriptor& operator=(const FileDescriptor&) = delete;
+  ~FileDescriptor() {
     if (fd >= 0) {
       close(fd);
     }
-  } catch (const std::bad_alloc&) {
-    // The buffer has closed the descriptor.
   }
-  stream.setstate(std::ios::failbit);
+
+  const int fd;
+};
+
+/// Reads to the end of the file. False when a read fails; `text` then holds what was read before.
+inline bool ReadAll(int fd, std::string& text) {
+  char buffer[4096];
+  ssize_t size = 0;
+  while ((size = read(fd, buffer, sizeof buffer)) > 0 || (size < 0 && errno == EINTR)) {
+    text.append(buffer, size > 0 ? static_cast<std::size_t>(size) : 0);
+  }
+  return size == 0;
+}
+
+/// Writes all of the text. False when a write fails.
+inline bool WriteAll(int fd, std::string_view text) {
+  while (!text.empty()) {
+    const ssize_t size = write(fd, text.data(), text.size());
+    if (size < 0 && errno != EINTR) {
+      return false;
+    }
+    text.remove_prefix(size > 0 ? static_cast<std::size_t>(size) : 0);
+  }
+  return true;
 }
 
 /// flock(2), but a signal does not end the wait.

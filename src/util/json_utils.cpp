@@ -37,17 +37,18 @@ namespace {
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 
 bool ReadJsonFile(const std::string& path, Json::Value& root) {
-  std::ifstream stream;
-  OpenStream(stream, path, std::ios::in);
-  if (!stream.is_open() || !stream.good()) {
+  const FileDescriptor file(OpenFile(path.c_str(), O_RDONLY, 0));
+  if (file.fd < 0) {
     return false;
   }
   bool parsed = false;
   try {
+    std::string text;
     Json::Reader reader;
-    parsed = reader.parse(stream, root, true);
+    parsed =
+        ReadAll(file.fd, text) && reader.parse(text.data(), text.data() + text.size(), root, true);
   } catch (const std::exception&) {
-    // Nested too deeply, too big for the memory, or a directory: it does not parse.
+    // Nested too deeply, or too big for the memory: it does not parse.
   }
   if (!parsed) {
     syslog(LOG_ERR, "%s:%d Failed to parse json file [%s]", __FILE_NAME__, __LINE__, path.c_str());
@@ -56,14 +57,17 @@ bool ReadJsonFile(const std::string& path, Json::Value& root) {
   return true;
 }
 
+// A stream with its buffer would write a shorter text only as it is closed, when the result is
+// decided. Callers rely on that result, so a failure to write so short a text is not reported.
+constexpr std::size_t buffered_size = 1024;
+
 bool WriteJsonFile(const std::string& path, const Json::Value& root) {
-  std::ofstream stream;
-  OpenStream(stream, path, std::ios::out | std::ios::trunc);
+  const FileDescriptor file(OpenFile(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666));
   bool written = false;
   try {
     Json::FastWriter writer;
-    stream << writer.write(root);
-    written = stream.good();
+    const std::string text = writer.write(root);
+    written = file.fd >= 0 && (WriteAll(file.fd, text) || text.size() < buffered_size);
   } catch (const std::exception&) {
     // No memory for the text.
   }
@@ -71,8 +75,6 @@ bool WriteJsonFile(const std::string& path, const Json::Value& root) {
     syslog(LOG_ERR, "%s:%d failed to write json file [%s]", __FILE_NAME__, __LINE__, path.c_str());
     return false;
   }
-  // Closing may still fail. That does not change the result: callers have always been told of the
-  // insertion alone.
   return true;
 }
 

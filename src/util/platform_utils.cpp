@@ -28,6 +28,15 @@ std::vector<std::string> Split(const std::string& text, char separator) {
   return tokens;
 }
 
+/// False when the file cannot be opened.
+bool ReadLines(const char* path, std::vector<std::string>& lines) {
+  const LibReelhouse::FileDescriptor file(LibReelhouse::OpenFile(path, O_RDONLY, 0));
+  std::string text;
+  static_cast<void>(LibReelhouse::ReadAll(file.fd, text));
+  lines = Split(text, '\n');
+  return file.fd >= 0;
+}
+
 }  // namespace
 
 PlatformUtils* PlatformUtils::GetInst() {
@@ -59,14 +68,8 @@ void PlatformUtils::GetPlatformAndModelName() try {
 }
 
 std::string PlatformUtils::GetHostPlatformName() {
-  std::ifstream stream;
-  LibReelhouse::OpenStream(stream, "/proc/karv_platform", std::ios::in);
-  if (!stream.is_open()) {
-    return "";
-  }
-  std::string line;
-  std::getline(stream, line);
-  return line;
+  std::vector<std::string> lines;
+  return ReadLines("/proc/karv_platform", lines) && !lines.empty() ? lines[0] : "";
 }
 
 std::string PlatformUtils::GetCPUInfo(const std::string& key) {
@@ -74,14 +77,12 @@ std::string PlatformUtils::GetCPUInfo(const std::string& key) {
     syslog(LOG_ERR, "%s:%d Bad parameter", __FILE_NAME__, __LINE__);
     return "";
   }
-  std::ifstream stream;
-  LibReelhouse::OpenStream(stream, "/proc/cpuinfo", std::ios::in);
-  if (!stream.is_open()) {
+  std::vector<std::string> lines;
+  if (!ReadLines("/proc/cpuinfo", lines)) {
     syslog(LOG_ERR, "%s:%d Failed to open file [%s]", __FILE_NAME__, __LINE__, "/proc/cpuinfo");
     return "";
   }
-  std::string line;
-  while (std::getline(stream, line)) {
+  for (const std::string& line : lines) {
     const std::vector<std::string> tokens = Split(line, ':');
     if (tokens.size() == 2 && tokens[0].find(key) != std::string::npos) {
       return tokens[1];
