@@ -1,5 +1,6 @@
-# What is installed beside the targets, which say it themselves. Three components: runtime (the library
-# and its engines), development, program (with the sample model).
+# What is installed beside the targets, which say it themselves. The components: appliance (its
+# libraries), runtime (the library and its engines), development, program (with the sample model),
+# transcode (the program for the record).
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/velmora-plugin-model)
 set(pkgconfig_dir ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
@@ -25,8 +26,9 @@ configure_file(cmake/velmora-plugin-model.pc.in velmora-plugin-model.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/velmora-plugin-model.pc
   DESTINATION ${pkgconfig_dir} COMPONENT development)
 
-install(DIRECTORY docs/man/ DESTINATION ${CMAKE_INSTALL_MANDIR}/man1
-  COMPONENT program FILES_MATCHING PATTERN "*.1")
+install(FILES docs/man/velmora-model.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT program)
+install(FILES docs/man/velmora-transcode.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1
+  COMPONENT transcode)
 set(sample ${PROJECT_SOURCE_DIR}/models/digits)
 install(FILES
   ${sample}/README.md ${sample}/model.json ${sample}/reference.json
@@ -73,7 +75,9 @@ endif()
 foreach(package IN ITEMS
     runtime:libvelmora-plugin-model${PROJECT_VERSION_MAJOR}
     development:libvelmora-plugin-model-dev
-    program:velmora-model)
+    program:velmora-model
+    appliance:libvelmora-appliance
+    transcode:velmora-transcode)
   string(REPLACE ":" ";" package ${package})
   list(GET package 0 component)
   list(GET package 1 name)

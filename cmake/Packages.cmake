@@ -5,7 +5,7 @@ set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_PACKAGE_CONTACT "velmora-plugin-model developers <velmora-plugin-model@localhost>")
 set(CPACK_DEBIAN_DEBUGINFO_PACKAGE ON)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_COMPONENTS_ALL runtime development program)
+set(CPACK_COMPONENTS_ALL appliance runtime development program transcode)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 # What a package needs is asked of its files; what these packages have of each other is said below.
@@ -19,9 +19,16 @@ if(brought_tensorflow_lite)
   list(APPEND CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${engines}/tensorflow-lite)
 endif()
 
+set(CPACK_DEBIAN_APPLIANCE_PACKAGE_NAME libvelmora-appliance)
+set(CPACK_DEBIAN_APPLIANCE_PACKAGE_SECTION libs)
+set(CPACK_COMPONENT_APPLIANCE_DESCRIPTION
+  "The appliance's libraries, for machines that are none.")
+set(appliance "libvelmora-appliance (= ${PROJECT_VERSION})")
+
 set(library libvelmora-plugin-model${PROJECT_VERSION_MAJOR})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${library})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "${appliance}")
 set(CPACK_COMPONENT_RUNTIME_DESCRIPTION
   "The library, with the engines that Debian does not have.")
 # Not generated, because that would offer the engines to others, too.
@@ -37,8 +44,14 @@ set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "The library's headers, for CMake an
 
 set(CPACK_DEBIAN_PROGRAM_PACKAGE_NAME velmora-model)
 set(CPACK_DEBIAN_PROGRAM_PACKAGE_SECTION utils)
-set(CPACK_DEBIAN_PROGRAM_PACKAGE_DEPENDS "${library} (= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_PROGRAM_PACKAGE_DEPENDS "${library} (= ${PROJECT_VERSION}), ${appliance}")
 set(CPACK_COMPONENT_PROGRAM_DESCRIPTION
   "The program that runs, measures and compares the engines, with a sample model.")
+
+set(CPACK_DEBIAN_TRANSCODE_PACKAGE_NAME velmora-transcode)
+set(CPACK_DEBIAN_TRANSCODE_PACKAGE_SECTION utils)
+set(CPACK_DEBIAN_TRANSCODE_PACKAGE_DEPENDS "${appliance}")
+set(CPACK_COMPONENT_TRANSCODE_DESCRIPTION
+  "The program for the record of what is transcoding.")
 
 include(CPack)

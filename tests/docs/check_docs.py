@@ -1,4 +1,4 @@
-"""Holds the documents to what the program says and the library writes: check_docs.py PROGRAM"""
+"""Holds the documents to what the programs say and the library writes: check_docs.py PROGRAM..."""
 
 import re
 import subprocess
@@ -7,37 +7,42 @@ from pathlib import Path
 
 SOURCE = Path(__file__).resolve().parents[2]
 
-# The man page: its commands and their options with value and default. How --help is laid out depends
-# on the version of CLI11; 2.1 and 2.6 were tried.
+# The man pages: commands and their options with value and default. How --help is laid out depends on
+# the version of CLI11; 2.1 and 2.6 were tried.
 said = set()
 written = set()
 
 
-def read_help(*command):
-    text = subprocess.run([sys.argv[1], *command, "--help"], check=True, text=True,
+def read_help(program, *command):
+    text = subprocess.run([program, *command, "--help"], check=True, text=True,
                           stdout=subprocess.PIPE).stdout
     below = re.search(r"^Subcommands:\n((?: .*\n)+)", text, re.M | re.I)
     if not below:
-        name = " ".join(command)
+        name = " ".join([Path(program).name, *command])
         said.add(name)
         for option, about in re.findall(r"^ +--(\S+(?: [A-Z]+)?) +(.*\n(?: {20,}.*\n)*)", text, re.M):
             default = re.findall(r"\[(\d+)\]", about)
             said.add(f"{name} --{option} {default}")
     for subcommand in re.findall(r"^  (\S+)", below[1], re.M) if below else ():
-        read_help(*command, subcommand)
+        read_help(program, *command, subcommand)
 
 
-read_help()
+def read_page(program):
+    page = (SOURCE / f"docs/man/{program}.1").read_text().replace("\\-", "-")
+    description = page.partition(".Sh DESCRIPTION\n")[2].partition("\n.Sh ")[0]
+    sections = re.split(r"^\.Ss (.*)\n", description, flags=re.M)[1:]
+    for command, section in zip(sections[::2], sections[1::2]):
+        name = f"{program} {command}"
+        written.add(name)
+        for option, value, about in re.findall(
+                r"^\.It Fl -(\S+)(?: Ar (\S+))?\n((?:(?!\.It|\.El).*\n)*)", section, re.M):
+            default = re.findall(r"default is (\d+)", about)
+            written.add(f"{name} --{option}{value and ' '}{value} {default}")
 
-page = (SOURCE / "docs/man/velmora-model.1").read_text().replace("\\-", "-")
-description = page.partition(".Sh DESCRIPTION\n")[2].partition("\n.Sh ")[0]
-sections = re.split(r"^\.Ss (.*)\n", description, flags=re.M)[1:]
-for name, section in zip(sections[::2], sections[1::2]):
-    written.add(name)
-    for option, value, about in re.findall(
-            r"^\.It Fl -(\S+)(?: Ar (\S+))?\n((?:(?!\.It|\.El).*\n)*)", section, re.M):
-        default = re.findall(r"default is (\d+)", about)
-        written.add(f"{name} --{option}{value and ' '}{value} {default}")
+
+for program in sys.argv[1:]:
+    read_help(program)
+    read_page(Path(program).name)
 faults = [f"in only one of --help and the man page: {thing}" for thing in sorted(said ^ written)]
 
 # The operating guide: every line of the log and every error. What stands for a value in the source, or
@@ -54,5 +59,5 @@ for source, line in lines:
     if not re.search("`" + r"[^`\n]+".join(words).strip() + "[^`\n]*`", guide):
         faults.append(f"not in docs/operating.md: {line} ({source.name})")
 
-print("\n".join(faults) or "the documents say what the program says and the library writes")
+print("\n".join(faults) or "the documents say what the programs say and the library writes")
 sys.exit(1 if faults else 0)

@@ -1,7 +1,7 @@
-"""Runs what the documents tell to run: run_docs.py BUILD-FOLDER PROGRAM COMPILER
+"""Runs what the documents tell to run: run_docs.py BUILD-FOLDER COMPILER PROGRAM...
 
 In README.md, CONTRIBUTING.md and docs/*.md, a block fenced as
-  sh       is run in the source folder, with the program in PATH and this build for build/release;
+  sh       is run in the source folder, with the programs in PATH and this build for build/release;
   cpp      is compiled, unless it goes into a file;
   python   is run;
   console  is not run, and the comment before it, <!-- not run: why -->, says why, as it may of python.
@@ -15,10 +15,11 @@ import sys
 from pathlib import Path
 
 SOURCE = Path(__file__).resolve().parents[2]
-BUILD, PROGRAM, COMPILER = sys.argv[1:]
+BUILD, COMPILER, *PROGRAMS = sys.argv[1:]
 BLOCK = re.compile(r"(?:<!-- ([^\n]*) -->\n)?^```([a-z]*)\n(.*?)^```$", re.M | re.S)
-COMMAND = re.compile(r"^(?:    )?(?:scripts/|cmake |ctest |g\+\+ |velmora-model |apt)", re.M)
-environment = os.environ | {"PATH": f"{Path(PROGRAM).parent}:{os.environ['PATH']}"}
+COMMAND = re.compile(r"^(?:    )?(?:scripts/|cmake |ctest |g\+\+ |velmora-|apt)", re.M)
+environment = os.environ | {
+    "PATH": ":".join([*(str(Path(program).parent) for program in PROGRAMS), os.environ["PATH"]])}
 ran = []
 faults = []
 

@@ -38,21 +38,9 @@ struct CompareOptions {
   bool json = false;
 };
 
-struct TranscodeOptions {
-  enum class Action { kList, kAdmit, kAdd, kRemove, kRun };
-  Action action = Action::kList;
-  bool json = false;
-  bool hardware = false;
-  bool offline = false;
-  int pid = 0;
-  std::vector<std::string> command;
-};
-
 int Run(const RunOptions& options);
 int Bench(const BenchOptions& options);
 int Compare(const CompareOptions& options);
 int BenchTranscode(const BenchOptions& options);
-int Transcode(const TranscodeOptions& options);
-int Status(bool json);
 
 }  // namespace velmora::tool

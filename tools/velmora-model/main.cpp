@@ -5,7 +5,6 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <clocale>
-#include <limits>
 #include <map>
 #include <opencv2/core/utils/logger.hpp>
 
@@ -102,62 +101,6 @@ constexpr char kCompareStatusHelp[] = R"(Exit status:
   2  wrong usage
   3  the model could not be loaded, or has fewer than two forms that run here)";
 
-constexpr char kTranscodeHelp[] = R"(
-The record of the processes that are transcoding now, which transcoders and this library share. Each
-command is one transaction on it; one that finds another process at it waits.
-)";
-
-constexpr char kTranscodeRunHelp[] = R"(
-Asks whether the transcode may start, registers this process, runs COMMAND, and unregisters however
-COMMAND ends. Signals that ask this process to end are handed on to COMMAND.
-
-Exit status: that of COMMAND, 128 + N if signal N ended it, 127 if there is no such command, 126 if
-it cannot be run, 125 if the transcode may not start.
-
-Example:
-  velmora-model transcode run --hardware -- ffmpeg -i in.mkv out.mp4
-)";
-
-void AddTranscode(CLI::App* app, TranscodeOptions* options) {
-  using Action = TranscodeOptions::Action;
-  CLI::App* const transcode =
-      app->add_subcommand("transcode", "Look at and change what transcodes");
-  transcode->require_subcommand(1);
-  transcode->footer(kTranscodeHelp);
-  const auto add = [&](const char* name, const char* help, Action action) {
-    CLI::App* const command = transcode->add_subcommand(name, help);
-    command->callback([options, action] { options->action = action; });
-    return command;
-  };
-  const auto add_hardware = [&](CLI::App* command) {
-    command->add_flag("--hardware", options->hardware, "With hardware; without this, by software");
-  };
-  const auto add_offline = [&](CLI::App* command) {
-    command->add_flag("--offline", options->offline, "The job is an offline conversion");
-  };
-  const auto add_pid = [&](CLI::App* command) {
-    command->add_option("PID", options->pid, "Process id")
-        ->required()
-        ->type_name("")
-        ->check(CLI::Range(1, std::numeric_limits<int>::max()).description(""));
-  };
-  add("list", "Show what is transcoding", Action::kList)
-      ->add_flag("--json", options->json, "Print a JSON document instead of a table");
-  CLI::App* const admit = add("admit", "Tell whether a transcode may start now", Action::kAdmit);
-  add_hardware(admit);
-  admit->footer("\nPrints yes or no. Exit status: 0 for yes, 1 for no.\n");
-  CLI::App* const add_command = add("add", "Register a process as transcoding", Action::kAdd);
-  add_pid(add_command);
-  add_hardware(add_command);
-  add_offline(add_command);
-  add_pid(add("remove", "Remove a process's entries", Action::kRemove));
-  CLI::App* const run = add("run", "Run a command, registered as transcoding", Action::kRun);
-  add_hardware(run);
-  add_offline(run);
-  run->add_option("COMMAND", options->command, "What to run")->required()->type_name("");
-  run->footer(kTranscodeRunHelp);
-}
-
 /// The program tells of a failure in one line of its own; the engines would add theirs.
 void SilenceEngines() {
   cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_SILENT);
@@ -168,8 +111,7 @@ void SilenceEngines() {
 CLI::Validator Between(int least, int most) { return CLI::Range(least, most).description(""); }
 
 int RunProgram(std::vector<std::string> arguments) {
-  CLI::App app("Runs image-recognition models, and shows what shares the machine with them.",
-               "velmora-model");
+  CLI::App app("Runs image-recognition models.", VELMORA_PROGRAM);
   app.get_formatter()->column_width(24);
   app.require_subcommand(1);
   app.set_help_flag("-h,--help", "Print this help and exit");
@@ -232,12 +174,6 @@ int RunProgram(std::vector<std::string> arguments) {
   compare_command->add_flag("--json", compare.json, "Print one JSON document instead of tables");
   compare_command->footer(fmt::format("{}\n{}", kCompareHelp, kCompareStatusHelp));
 
-  TranscodeOptions transcode;
-  AddTranscode(&app, &transcode);
-  bool status_json = false;
-  CLI::App* const status_command = app.add_subcommand("status", "Show what this machine can do");
-  status_command->add_flag("--json", status_json, "Print one JSON document instead of text");
-
   // The parser takes "[a]" for a list.
   for (std::string& argument : arguments) {
     if (argument == "--") {
@@ -266,17 +202,14 @@ int RunProgram(std::vector<std::string> arguments) {
   if (compare_command->parsed()) {
     return Compare(compare);
   }
-  if (bench_command->parsed()) {
-    const bool measures_runs = bench_command->count("--iterations") > 0 ||
-                               bench_command->count("--warmup") > 0 ||
-                               bench_command->count("--batch") > 0 || !bench.images.empty();
-    if (bench.transcode > 0 && measures_runs) {
-      Console().Say("--transcode takes no images and no --iterations, --warmup or --batch");
-      return kWrongUsage;
-    }
-    return bench.transcode > 0 ? BenchTranscode(bench) : Bench(bench);
+  const bool measures_runs = bench_command->count("--iterations") > 0 ||
+                             bench_command->count("--warmup") > 0 ||
+                             bench_command->count("--batch") > 0 || !bench.images.empty();
+  if (bench.transcode > 0 && measures_runs) {
+    Console().Say("--transcode takes no images and no --iterations, --warmup or --batch");
+    return kWrongUsage;
   }
-  return status_command->parsed() ? Status(status_json) : Transcode(transcode);
+  return bench.transcode > 0 ? BenchTranscode(bench) : Bench(bench);
 }
 
 }  // namespace

@@ -1,13 +1,14 @@
 #include <fmt/format.h>
 #include <json/json.h>
+#include <reelhouse/trans_loading.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <velmora-plugin-platform/platform.h>
 
 #include <algorithm>
 #include <chrono>
-#include <cstring>
 #include <stdexcept>
 #include <thread>
 
@@ -25,20 +26,22 @@ using Clock = std::chrono::steady_clock;
 constexpr std::chrono::milliseconds kInterval(50);  // 20 requests a second
 constexpr std::chrono::seconds kQuietMinute(60);
 
-/// A process that is registered as transcoding with hardware for as long as the object lives.
+/// A process that is registered as transcoding with hardware for as long as the object lives, and
+/// no longer than this process, however that ends.
 class Transcoder {
  public:
   Transcoder() {
-    sigset_t none;
-    sigemptyset(&none);
-    process_ = StartProcess({"sleep", "infinity"}, none);
-    if (process_ < 0) {
-      throw std::runtime_error(fmt::format("sleep: {}", std::strerror(-process_)));
+    const pid_t self = getpid();
+    process_ = fork();
+    if (process_ == 0) {  // without the engines' threads: system calls only
+      prctl(PR_SET_PDEATHSIG, SIGKILL);
+      while (getppid() == self) {
+        pause();
+      }
+      _exit(1);
     }
-    const pid_t registering = StartProcess(
-        {"/proc/self/exe", "transcode", "add", std::to_string(process_), "--hardware"}, none);
-    int status = 0;
-    if (registering < 0 || waitpid(registering, &status, 0) != registering || status != 0) {
+    LibReelhouse::TransLoading record;
+    if (process_ < 0 || !record.SaveTransPID(process_, true, false)) {
       End();
       throw std::runtime_error("the transcode could not be registered");
     }
@@ -49,8 +52,10 @@ class Transcoder {
 
  private:
   void End() const {
-    kill(process_, SIGKILL);
-    waitpid(process_, nullptr, 0);
+    if (process_ > 0) {
+      kill(process_, SIGKILL);
+      waitpid(process_, nullptr, 0);
+    }
   }
 
   pid_t process_ = -1;

@@ -1,0 +1,31 @@
+// The commands. Each returns the program's exit status, and throws std::exception when the record
+// cannot be had or the output takes no more.
+#pragma once
+
+#include <json/json.h>
+
+#include <string>
+#include <vector>
+
+namespace velmora::tool {
+
+struct Options {
+  bool json = false;
+  bool hardware = false;
+  bool offline = false;
+  int pid = 0;
+  std::vector<std::string> command;
+};
+
+int List(const Options& options);
+int Admit(const Options& options);
+int Add(const Options& options);
+int Remove(const Options& options);
+int RunCommand(const Options& options);
+int Status(const Options& options);
+
+/// The entries of the record for the user: what the record says of each, and its program.
+Json::Value ListEntries(const Json::Value& entries);
+void PrintEntries(const Json::Value& list);
+
+}  // namespace velmora::tool

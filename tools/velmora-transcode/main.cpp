@@ -1,0 +1,132 @@
+// velmora-transcode: looks at and changes the record of what is transcoding. It needs no engine, so
+// that it costs little where it is started for every transcode.
+
+#include <fmt/format.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <clocale>
+#include <exception>
+#include <limits>
+
+#include "commands.h"
+#include "common/console.h"
+
+namespace {
+
+using namespace velmora::tool;  // NOLINT(google-build-using-namespace)
+
+constexpr char kHelp[] = R"(
+Each command is one transaction on the record that transcoders and networks share; one that finds
+another process at it waits.
+
+Exit status:
+  0  all was done
+  1  something could not be done, as standard error says
+  2  wrong usage)";
+
+constexpr char kRunHelp[] = R"(
+COMMAND and its arguments follow the options, or a "--". Asks whether the transcode may start,
+registers this process, and becomes COMMAND, which keeps the process id and with it the entry until
+it ends.
+
+Exit status: that of COMMAND; 127 if there is no such command, 126 if it cannot be run, 125 if the
+transcode may not start or could not be registered.
+
+Example:
+  velmora-transcode run --hardware -- ffmpeg -i in.mkv out.mp4
+)";
+
+int RunProgram(std::vector<std::string> arguments) {
+  CLI::App app("Looks at and changes the record of what is transcoding.", VELMORA_PROGRAM);
+  app.get_formatter()->column_width(24);
+  app.require_subcommand(1);
+  app.set_help_flag("-h,--help", "Print this help and exit");
+  app.set_version_flag("--version", VELMORA_PROGRAM " " VELMORA_VERSION,
+                       "Print the version and exit");
+  app.footer(kHelp);
+
+  Options options;
+  int (*chosen)(const Options&) = nullptr;
+  const auto add = [&](const char* name, const char* help, int (*command)(const Options&)) {
+    CLI::App* const subcommand = app.add_subcommand(name, help);
+    subcommand->callback([&chosen, command] { chosen = command; });
+    return subcommand;
+  };
+  const auto add_json = [&](CLI::App* command) {
+    command->add_flag("--json", options.json, "Print a JSON document instead of text");
+  };
+  const auto add_hardware = [&](CLI::App* command) {
+    command->add_flag("--hardware", options.hardware, "With hardware; without this, by software");
+  };
+  const auto add_offline = [&](CLI::App* command) {
+    command->add_flag("--offline", options.offline, "The job is an offline conversion");
+  };
+  const auto add_pid = [&](CLI::App* command) {
+    command->add_option("PID", options.pid, "Process id")
+        ->required()
+        ->type_name("")
+        ->check(CLI::Range(1, std::numeric_limits<int>::max()).description(""));
+  };
+  add_json(add("list", "Show what is transcoding", List));
+  CLI::App* const admit = add("admit", "Tell whether a transcode may start now", Admit);
+  add_hardware(admit);
+  admit->footer("\nPrints yes or no. Exit status: 0 for yes, 1 for no.\n");
+  CLI::App* const add_command = add("add", "Register a process as transcoding", Add);
+  add_pid(add_command);
+  add_hardware(add_command);
+  add_offline(add_command);
+  add_pid(add("remove", "Remove a process's entries", Remove));
+  CLI::App* const run = add("run", "Run a COMMAND, registered as transcoding", RunCommand);
+  add_hardware(run);
+  add_offline(run);
+  run->prefix_command();  // what follows is COMMAND's, and is not looked at
+  run->footer(kRunHelp);
+  add_json(add("status", "Show what this machine is and can do", Status));
+
+  // The parser looks at what stands after a "--" too, and changes it.
+  const auto dashes = std::find(arguments.begin(), arguments.end(), "--");
+  const std::vector<std::string> behind(dashes, arguments.end());
+  arguments.erase(dashes, arguments.end());
+  std::reverse(arguments.begin(), arguments.end());  // as the parser wants them
+  try {
+    app.parse(std::move(arguments));
+  } catch (const CLI::CallForHelp&) {
+    Print(app.help());
+    return kDone;
+  } catch (const CLI::CallForVersion& version) {
+    Print(fmt::format("{}\n", version.what()));
+    return kDone;
+  } catch (const CLI::ParseError& error) {
+    Console().Say(fmt::format("{}; see " VELMORA_PROGRAM " --help", error.what()));
+    return kWrongUsage;
+  }
+  options.command = run->remaining();
+  options.command.insert(options.command.end(),
+                         behind.begin() + (options.command.empty() && !behind.empty() ? 1 : 0),
+                         behind.end());
+  if (!run->parsed() && !options.command.empty()) {
+    Console().Say("only run takes a command; see " VELMORA_PROGRAM " --help");
+    return kWrongUsage;
+  }
+  if (run->parsed() && options.command.empty()) {
+    Console().Say("COMMAND is required; see " VELMORA_PROGRAM " run --help");
+    return kWrongUsage;
+  }
+  return chosen(options);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // What text is decoded by; numbers stay as in C.
+  static_cast<void>(std::setlocale(LC_CTYPE, "C.UTF-8"));
+  try {
+    const int status = RunProgram({argv + 1, argv + argc});
+    FlushOutput();
+    return status;
+  } catch (const std::exception& error) {
+    Console().Say(error.what());
+    return kNotAllDone;
+  }
+}

@@ -1,0 +1,160 @@
+#include <fmt/format.h>
+#include <reelhouse/trans_loading.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+#include <string>
+
+#include "commands.h"
+#include "common/console.h"
+#include "common/text.h"
+
+namespace velmora::tool {
+
+namespace {
+
+using LibReelhouse::TransLoading;
+
+void CheckLocked(const TransLoading& record) {
+  if (!record.IsLockSucess()) {
+    throw std::runtime_error("the transcoding record cannot be locked; syslog may say more");
+  }
+}
+
+/// The name of a process's program; empty when it has just ended.
+std::string CommandOf(int pid) {
+  std::ifstream file(fmt::format("/proc/{}/comm", pid));
+  std::string name;
+  std::getline(file, name);
+  return name;
+}
+
+bool IsTrue(const Json::Value& entry, const char* name) {
+  const Json::Value& flag = entry[name];
+  return flag.isBool() && flag.asBool();
+}
+
+/// Whether the next transaction finds an entry of the process: it drops what names no process.
+bool IsRegistered(int pid) {
+  const TransLoading record;
+  const Json::Value& entries = record.GetEntries();
+  return std::any_of(entries.begin(), entries.end(),
+                     [pid](const Json::Value& entry) { return entry["PID"].asInt() == pid; });
+}
+
+}  // namespace
+
+Json::Value ListEntries(const Json::Value& entries) {
+  Json::Value list(Json::arrayValue);
+  for (const Json::Value& entry : entries) {
+    const int pid = entry["PID"].asInt();
+    Json::Value& item = list.append(Json::objectValue);
+    item["pid"] = pid;
+    item["command"] = JsonText(CommandOf(pid));
+    item["hardware"] = IsTrue(entry, "hardware_transcode");
+    item["offline"] = IsTrue(entry, "offline_conversion");
+  }
+  return list;
+}
+
+void PrintEntries(const Json::Value& list) {
+  if (list.empty()) {
+    Print("nothing is transcoding\n");
+    return;
+  }
+  Print(fmt::format("{:>10}  {:<8}  {:<7}  {}\n", "PID", "uses", "offline", "program"));
+  for (const Json::Value& item : list) {
+    Print(fmt::format("{:>10}  {:<8}  {:<7}  {}\n", item["pid"].asInt(),
+                      item["hardware"].asBool() ? "hardware" : "software",
+                      item["offline"].asBool() ? "yes" : "no",
+                      OneLine(item["command"].asString())));
+  }
+}
+
+int List(const Options& options) {
+  Json::Value list;
+  {
+    const TransLoading record;
+    CheckLocked(record);
+    list = ListEntries(record.GetEntries());
+  }
+  if (options.json) {
+    PrintJson(list);
+  } else {
+    PrintEntries(list);
+  }
+  return kDone;
+}
+
+int Admit(const Options& options) {
+  bool admitted = false;
+  {
+    TransLoading record;
+    CheckLocked(record);
+    admitted = record.TransEnable(options.hardware);
+  }
+  Print(admitted ? "yes\n" : "no\n");
+  return admitted ? kDone : kNotAllDone;
+}
+
+int Add(const Options& options) {
+  {
+    TransLoading record;
+    CheckLocked(record);
+    record.SaveTransPID(options.pid, options.hardware, options.offline);
+  }
+  if (!IsRegistered(options.pid)) {
+    throw std::runtime_error(
+        std::filesystem::exists(fmt::format("/proc/{}", options.pid))
+            ? std::string("the transcoding record could not be written; syslog may say more")
+            : fmt::format("{}: no such process", options.pid));
+  }
+  return kDone;
+}
+
+int Remove(const Options& options) {
+  TransLoading record;
+  CheckLocked(record);
+  record.RemoveTransPIDLock(options.pid);
+  return kDone;
+}
+
+/// Registers this process, and becomes the command: the entry is the command's own, whatever ends
+/// it, and nothing stands beside it.
+int RunCommand(const Options& options) {
+  const int self = getpid();
+  const std::string& name = options.command[0];
+  {
+    TransLoading record;
+    CheckLocked(record);
+    if (!record.TransEnable(options.hardware)) {
+      Console().Say(fmt::format("{}: not started, no {} transcode may start now", name,
+                                options.hardware ? "hardware" : "software"));
+      return kNotStarted;
+    }
+    record.SaveTransPID(self, options.hardware, options.offline);
+  }
+  if (!IsRegistered(self)) {
+    Console().Say(fmt::format(
+        "{}: not started, the transcoding record could not be written; syslog may say more", name));
+    return kNotStarted;
+  }
+  std::vector<std::string> words = options.command;
+  std::vector<char*> arguments;
+  for (std::string& word : words) {
+    arguments.push_back(word.data());
+  }
+  arguments.push_back(nullptr);
+  execvp(arguments[0], arguments.data());
+  const int error = errno;
+  TransLoading().RemoveTransPIDLock(self);
+  Console().Say(fmt::format("{}: {}", name, std::strerror(error)));
+  return error == ENOENT ? kCommandNotFound : kCommandNotRunnable;
+}
+
+}  // namespace velmora::tool
