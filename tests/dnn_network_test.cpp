@@ -38,19 +38,29 @@ NetworkConfig Double(const std::vector<std::string>& output_names,
               "", output_names);
 }
 
-/// Passes its input on and counts how often it is run.
-class CountLayer : public cv::dnn::Layer {
+/// A layer of the host's: passes its input on, or ones if it has none, counts its runs, and fails
+/// on demand.
+class HostLayer : public cv::dnn::Layer {
  public:
-  explicit CountLayer(const cv::dnn::LayerParams& params) : Layer(params) {}
+  explicit HostLayer(const cv::dnn::LayerParams& params) : Layer(params) {}
   static cv::Ptr<Layer> create(cv::dnn::LayerParams& params) {
-    return cv::makePtr<CountLayer>(params);
+    return cv::makePtr<HostLayer>(params);
+  }
+  bool getMemoryShapes(const std::vector<cv::dnn::MatShape>& inputs, int,
+                       std::vector<cv::dnn::MatShape>& outputs,
+                       std::vector<cv::dnn::MatShape>&) const override {
+    outputs.assign(1, inputs.empty() ? cv::dnn::MatShape{1, 3} : inputs[0]);
+    return false;
   }
   void forward(cv::InputArrayOfArrays inputs, cv::OutputArrayOfArrays outputs,
                cv::OutputArrayOfArrays) override {
     ++runs;
-    inputs.getMat(0).copyTo(outputs.getMat(0));
+    if (fails) throw std::runtime_error("a layer of the host's");
+    outputs.getMat(0).setTo(1);
+    if (!inputs.empty()) inputs.getMat(0).copyTo(outputs.getMat(0));
   }
   static inline int runs = 0;
+  static inline bool fails = false;
 };
 
 class DnnNetworkTest : public testing::Test {
@@ -58,6 +68,9 @@ class DnnNetworkTest : public testing::Test {
   void SetUp() override {
     NEED_OWN_NAMESPACE();
     std::filesystem::current_path("/tmp");
+    if (!cv::dnn::LayerFactory::isLayerRegistered("TestHost")) {
+      cv::dnn::LayerFactory::registerLayer("TestHost", HostLayer::create);
+    }
   }
 };
 
@@ -78,48 +91,63 @@ TEST_F(DnnNetworkTest, TakesEveryDepthAndChannelCountInPlanes) {
   }
 }
 
-TEST_F(DnnNetworkTest, EveryListOfOutputsIsRightAndTakesOneRun) {
-  cv::dnn::LayerFactory::registerLayer("TestCount", CountLayer::create);
+TEST_F(DnnNetworkTest, RunsOnceForAnImageWhateverIsAskedFor) {
   // The engine fuses the layers from "conv" to "relu" where it may.
   const test::CaffeModel model = test::MakeCaffeModel(
       "layer { name: 'data' type: 'Input' top: 'data' input_param { shape { dim: [1, 1, 1, 2] } } }"
-      "layer { name: 'count' type: 'TestCount' bottom: 'data' top: 'count' }"
+      "layer { name: 'count' type: 'TestHost' bottom: 'data' top: 'count' }"
       "layer { name: 'conv' type: 'Convolution' bottom: 'count' top: 'conv'"
       "        convolution_param { num_output: 1 kernel_size: 1 } }"
       "layer { name: 'scale' type: 'Scale' bottom: 'conv' top: 'scale'"
       "        scale_param { bias_term: true } }"
       "layer { name: 'relu' type: 'ReLU' bottom: 'scale' top: 'relu' }"
-      "layer { name: 'last' type: 'Convolution' bottom: 'relu' top: 'last'"
-      "        convolution_param { num_output: 1 kernel_size: 1 } }",
+      "layer { name: 'last' type: 'Slice' bottom: 'relu' top: 'a' top: 'b'"
+      "        slice_param { axis: 3 slice_point: 1 } }"
+      "layer { name: 'last.1' type: 'Power' bottom: 'relu' top: 'd' power_param { scale: 10 } }",
       {{"conv", {1, 1, 1, 1}, 2, 2},
        {"conv", {1}, 1, 1},
        {"scale", {1}, 5, 5},
-       {"scale", {1}, -20, -20},
-       {"last", {1, 1, 1, 1}, 10, 10},
-       {"last", {1}, 0, 0}});
+       {"scale", {1}, -20, -20}});
   const cv::Mat image = (cv::Mat_<float>(1, 2) << 0.5F, 4.0F);
-  const std::pair<const char*, std::vector<float>> layers[] = {{"count", {0.5F, 4}},
-                                                               {"conv", {2, 9}},
-                                                               {"scale", {-10, 25}},
-                                                               {"relu", {0, 25}},
-                                                               {"last", {0, 250}}};
-  for (unsigned asked = 1; asked < 1U << std::size(layers); ++asked) {
+  const struct {
+    const char* name;
+    std::vector<float> values;
+    bool is_end;
+  } layers[] = {{"last", {0}, true},        {"last.0", {0}, true},
+                {"last.1", {0, 250}, true},  // of that name, before the output 1 of "last"
+                {"last.01", {25}, true},    {"count", {0.5F, 4}, false},
+                {"conv", {2, 9}, false},    {"scale", {-10, 25}, false},
+                {"relu.0", {0, 25}, false}};
+  for (unsigned asked = 0; asked < 1U << std::size(layers); ++asked) {
     OutputMap expected;
-    std::vector<std::string> output_names;
+    NetworkConfig config = Pair(model.prototxt, model.weights, {});
+    int runs = 0;
     for (unsigned i = 0; i < std::size(layers); ++i) {
-      if ((asked >> i & 1U) != 0) {
-        expected.insert(layers[i]);
-        output_names.emplace_back(layers[i].first);
-      }
+      if ((asked >> i & 1U) == 0) continue;
+      expected[layers[i].name] = layers[i].values;
+      config.output_names.emplace_back(layers[i].name);
+      runs = std::max(runs, layers[i].is_end ? 0 : 1);  // for what the first run does not know of
     }
-    SCOPED_TRACE(testing::PrintToString(output_names));
+    SCOPED_TRACE(testing::PrintToString(config.output_names));
     TakeSyslog();  // or the log fills up, and the library waits
-    DnnNetwork network(Pair(model.prototxt, model.weights, output_names));
-    CountLayer::runs = 0;
-    for (int pass = 1; pass <= 3; ++pass) {
+    DnnNetwork network(config);
+    HostLayer::runs = 0;
+    for (int pass = 0; pass < 3; ++pass) {
       EXPECT_EQ(expected, network.Forward(image));
-      EXPECT_EQ(pass, CountLayer::runs);
+      EXPECT_EQ(++runs, HostLayer::runs);
     }
+    HostLayer::fails = true;
+    EXPECT_ANY_THROW(network.Forward(image));
+    EXPECT_ANY_THROW(network.ForwardAsync(image));
+    HostLayer::fails = false;
+    network.ForwardAsync(image);
+    EXPECT_EQ(expected.empty(), ErrorOf([&] { network.ForwardAsync(image); }) == "none");
+    EXPECT_EQ(expected, network.WaitOutput());
+  }
+  for (const char* const name : {"last.2", "last.x", "last.99999999999", ".1", "", "missing"}) {
+    TakeSyslog();
+    DnnNetwork network(Pair(model.prototxt, model.weights, {name}));
+    EXPECT_THROW(network.Forward(image), cv::Exception) << name;
   }
 }
 
@@ -135,12 +163,31 @@ TEST_F(DnnNetworkTest, AsynchronousPairKeepsOneResult) {
 
   EXPECT_THROW(network.ForwardAsync(cv::Mat()), cv::Exception);
   EXPECT_TRUE(network.WaitOutput().empty());
+}
 
-  // A result without outputs is none that is pending.
-  DnnNetwork without_outputs(Double({}));
-  without_outputs.ForwardAsync(one);
-  without_outputs.ForwardAsync(one);
-  EXPECT_TRUE(without_outputs.WaitOutput().empty());
+/// Asks for "half" and "end" in turn; every form of Forward goes through this one.
+class Host : public DnnNetwork {
+ public:
+  using DnnNetwork::DnnNetwork;
+  using DnnNetwork::Forward;
+  OutputMap Forward(const cv::Mat& image) override {
+    config_.output_names = {config_.output_names == half_ ? "end" : "half"};
+    return DnnNetwork::Forward(image);
+  }
+  const std::vector<std::string> half_ = {"half"};
+};
+
+TEST_F(DnnNetworkTest, EveryFormGoesThroughTheVirtualOneWithTheSettingsOfTheMoment) {
+  Host network(
+      Pair("input: 'data' layer { name: 'half' type: 'Power' bottom: 'data' top: 'half' }"
+           "layer { name: 'end' type: 'Power' bottom: 'half' top: 'end' }",
+           "", {}));
+  const cv::Mat one = cv::Mat::ones(1, 1, CV_32F);
+  const std::vector<OutputMap> expected = {{{"half", {1}}}, {{"end", {3}}}};
+  EXPECT_EQ(expected,
+            static_cast<BaseNetwork&>(network).Forward(std::vector<cv::Mat>{one, 3 * one}));
+  network.ForwardAsync(one);
+  EXPECT_EQ(expected[0], network.WaitOutput());
 }
 
 TEST_F(DnnNetworkTest, LogsAndFailsAsItShould) {

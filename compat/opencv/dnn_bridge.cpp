@@ -11,15 +11,11 @@ namespace velmora::plugin::network::cv::dnn {
 /// What a Net and the outputs of its current pass share.
 struct Blob::Pass {
   ::cv::dnn::Net net;
-  std::vector<String> names;       // every output ever asked for: what a run computes
-  std::vector<::cv::Mat> outputs;  // of the last run, in the order of `names`
-  bool due = false;                // forward() was called and the run is still to come
+  std::vector<String> layers;  // that a run computes: the ends of the network, and any asked for
+  std::vector<std::vector<::cv::Mat>> outputs;  // of the last run: of each layer all it has
 
-  size_t IndexOf(const String& name);
+  size_t IndexOf(const String& layer);
   void Run();
-
- private:
-  bool IsInsideFusedChain(const String& name) const;
 };
 
 namespace {
@@ -35,12 +31,26 @@ bool CanBeFusedBackward(const LayerPtr& layer) {
          layer.dynamicCast<ActivationLayer>();
 }
 
-}  // namespace
+/// The layers that no other reads. The MVN layers are among them although they are read: OpenCV
+/// (4.6) fuses a normalisation into them and never takes it back, so that the next plan of the
+/// network, for another image size or other outputs, applies it twice. It fuses nothing into a
+/// layer asked for.
+std::vector<String> EndsOf(::cv::dnn::Net& net) {
+  const std::vector<int> ends = net.getUnconnectedOutLayers();
+  std::vector<String> names;
+  for (const String& name : std::vector<String>(net.getLayerNames())) {
+    const int id = net.getLayerId(name);
+    if (std::find(ends.begin(), ends.end(), id) != ends.end() || net.getLayer(id)->type == "MVN") {
+      names.push_back(name);
+    }
+  }
+  return names;
+}
 
 /// OpenCV fuses a layer such as a convolution with the run of normalisations and activations behind
 /// it. The outputs of the layers inside such a run are never written (reading one gives whatever
 /// the memory held), although they may be asked for; those of its first and last layer are right.
-bool Blob::Pass::IsInsideFusedChain(const String& name) const {
+bool IsInsideFusedChain(::cv::dnn::Net& net, const String& name) {
   const LayerPtr layer = net.getLayer(net.getLayerId(name));
   if (!CanBeFusedBackward(layer)) {
     return false;
@@ -54,30 +64,26 @@ bool Blob::Pass::IsInsideFusedChain(const String& name) const {
   });
 }
 
-size_t Blob::Pass::IndexOf(const String& name) {
-  const auto found = std::find(names.begin(), names.end(), name);
-  const auto index = static_cast<size_t>(found - names.begin());
-  if (found == names.end()) {
-    if (net.getLayerId(name) < 0) {
-      CV_Error(Error::StsObjectNotFound, "Layer \"" + name + "\" is not in the network");
-    }
+}  // namespace
+
+size_t Blob::Pass::IndexOf(const String& layer) {
+  const auto found = std::find(layers.begin(), layers.end(), layer);
+  const auto index = static_cast<size_t>(found - layers.begin());
+  if (found == layers.end()) {
     // Fusion costs nothing to leave on, and much to turn off, where no such layer is asked for.
-    if (IsInsideFusedChain(name)) {
+    if (IsInsideFusedChain(net, layer)) {
       net.enableFusion(false);
     }
-    names.push_back(name);
-    due = true;
+    layers.push_back(layer);
   }
   return index;
 }
 
 void Blob::Pass::Run() {
-  due = false;
-  if (names.empty()) {
-    net.forward();
-  } else {
-    net.forward(outputs, names);
+  if (layers.empty()) {
+    layers = EndsOf(net);
   }
+  net.forward(outputs, layers);
 }
 
 Blob Blob::fromImages(InputArray image, int dst_channels) {
@@ -103,10 +109,16 @@ void Blob::updateMat(bool /*sync_data*/) const {
   if (!pass_) {
     return;
   }
-  if (pass_->due) {
+  if (layer_ >= pass_->outputs.size()) {
     pass_->Run();
   }
-  mat_ = pass_->outputs[index_];
+  const std::vector<Mat>& outputs = pass_->outputs[layer_];
+  if (output_ >= outputs.size()) {
+    CV_Error(Error::StsOutOfRange, "Layer \"" + pass_->layers[layer_] + "\" has no output " +
+                                       std::to_string(output_) + ", only " +
+                                       std::to_string(outputs.size()));
+  }
+  mat_ = outputs[output_];
   CV_Assert(mat_.total() >= total(1));  // one sample is there to be read
 }
 
@@ -129,19 +141,27 @@ void Net::setBlob(const String& input_name, const Blob& blob) {
   pass_->net.setInput(blob.mat_, input_name.substr(dot + 1));
 }
 
-void Net::forward() {
-  // Still due from the pass before means that nobody read its outputs.
-  const bool nothing_is_read = pass_->due;
-  pass_->due = true;
-  if (nothing_is_read || !pass_->names.empty()) {
-    pass_->Run();
-  }
-}
+void Net::forward() { pass_->Run(); }
 
-Blob Net::getBlob(const String& layer_name) {
+Blob Net::getBlob(const String& output_name) {
   Blob blob;
-  blob.index_ = pass_->IndexOf(layer_name);
   blob.pass_ = pass_;
+  String layer = output_name;
+  // 3.2 has no dots in the names of layers; later versions have, and then the whole name counts.
+  const size_t dot = output_name.find('.');
+  if (dot != String::npos && pass_->net.getLayerId(output_name) < 0) {
+    const String output = output_name.substr(dot + 1);
+    layer = output_name.substr(0, dot);
+    if (output.size() > 9 || output.find_first_not_of("0123456789") != String::npos) {
+      layer.clear();
+    } else if (!output.empty()) {
+      blob.output_ = std::stoul(output);
+    }
+  }
+  if (layer.empty() || pass_->net.getLayerId(layer) < 0) {
+    CV_Error(Error::StsObjectNotFound, "Requested blob \"" + output_name + "\" not found");
+  }
+  blob.layer_ = pass_->IndexOf(layer);
   return blob;
 }
 

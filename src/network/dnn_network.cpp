@@ -34,8 +34,8 @@ OutputMap DnnNetwork::Forward(const cv::Mat& image) {
   net_->setBlob(".data", blob);
   net_->forward();
 
-  // Every output is asked for before the first is read, so that an engine which has to know the
-  // outputs of a pass beforehand runs once for all of them.
+  // All outputs are asked for before the first is read: an engine that has to know beforehand what to
+  // keep of a run then runs once more for those that are new to it, not once for each of them.
   std::vector<cv::dnn::Blob> outs;
   outs.reserve(config_.output_names.size());
   for (const std::string& name : config_.output_names) {

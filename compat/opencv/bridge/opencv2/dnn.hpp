@@ -29,8 +29,8 @@ class Blob {
   /// count is kept: `dst_channels` must be -1.
   static Blob fromImages(InputArray image, int dst_channels = -1);
 
-  /// Makes the values readable through matRefConst(). For an output of a pass that has not run yet,
-  /// this runs it.
+  /// Makes the values readable through matRefConst(); see Net for when this runs the network.
+  /// Throws cv::Exception for an output that the layer does not have.
   void updateMat(bool sync_data = true) const;
 
   /// Number of values in the axes from `start_axis` on.
@@ -46,15 +46,17 @@ class Blob {
 
   mutable Mat mat_;
   std::shared_ptr<Pass> pass_;  // null for an input
-  size_t index_ = 0;            // of this output in the pass
+  size_t layer_ = 0;            // whose output this is, of those that a run computes
+  size_t output_ = 0;           // which of the outputs of that layer
 };
 
 /// A shared handle to a network.
 ///
-/// The engine has to be told the outputs of a pass before it runs, but the caller names them after
-/// forward(). So a Net remembers every name that it was ever asked for, and a pass computes all of
-/// them in one run: at forward() once names are known; before that, in the very first pass, when
-/// the first output is read. A first pass whose outputs nobody reads is not run.
+/// 3.2 keeps the outputs of all layers of a run, and the caller picks some. Here the engine has to
+/// be told before a run what to keep. So forward() runs the whole network, once, and keeps the
+/// outputs of its ends (the layers that no other reads) and of every layer that was ever asked for.
+/// Only reading the output of a layer that is asked for the first time, and is no end, runs the
+/// network once more.
 class Net {
  public:
   Net() = default;
@@ -67,8 +69,10 @@ class Net {
 
   void forward();
 
-  /// The output of the layer `layer_name` in the current pass.
-  Blob getBlob(const String& layer_name);
+  /// An output of the current pass: "layer" names the first output of a layer, "layer.N" output N,
+  /// counted from 0. A layer that is called so, with its dot, comes first. Throws cv::Exception for
+  /// a name that the network does not have.
+  Blob getBlob(const String& output_name);
 
  private:
   std::shared_ptr<Blob::Pass> pass_;
