@@ -151,6 +151,103 @@ TEST_F(DnnNetworkTest, RunsOnceForAnImageWhateverIsAskedFor) {
   }
 }
 
+// ---- the zoo -----------------------------------------------------------------------------------
+
+/// Sound layers, at the edges of what the guard has rules for. Each is a network with an input of
+/// 3 x 120 x 120, what stands before it, and the layer, which is called "x".
+// clang-format off
+const struct {
+  const char* type;
+  std::string params = "";
+  std::vector<std::vector<std::int64_t>> blobs = {};
+  std::string bottoms = "bottom: 'data'";
+  std::string before = "";
+} kZoo[] = {
+    {"Convolution", "convolution_param { num_output: 3 kernel_size: 3 group: 3 }",
+     {{3, 1, 3, 3}, {3}}},
+    {"Convolution", "convolution_param { num_output: 1 kernel_h: 3 kernel_w: 1 stride: 50000 "
+     "pad: 70000 dilation: 3 bias_term: false }", {{1, 3, 3, 1}}},
+    {"ConvolutionDepthwise", "convolution_param { num_output: 3 kernel_size: 1 group: 3 }",
+     {{3, 1, 1, 1}, {3}}},
+    {"Deconvolution", "convolution_param { num_output: 2 kernel_size: 2 dilation: 2147483647 }",
+     {{3, 2, 2, 2}, {2}}},
+    {"Pooling", "pooling_param { pool: AVE kernel_h: 1 kernel_w: 40000 stride: 9 }", {},
+     "bottom: 'wide'", "layer { name: 'wide' type: 'Reshape' bottom: 'data' top: 'wide' "
+     "reshape_param { shape { dim: [1, 1, 1, -1] } } }"},
+    {"Pooling", "pooling_param { pool: AVE global_pooling: true }"},
+    {"ReLU", "embed_param { num_output: 0 }"},
+    {"InnerProduct", "inner_product_param { num_output: 1 axis: -1 }", {{1, 120}, {1}}},
+    {"Concat", "concat_param { axis: -4 }", {}, "bottom: 'data' bottom: 'data'"},
+    {"Scale", "scale_param { axis: 3 bias_term: true }", {{120}, {120}}},
+    {"Shift", "", {{3}}},
+    {"BatchNorm", "", {{3}, {3}}},
+    {"BatchNorm", "batch_norm_param { use_global_stats: false eps: 2 }", {{3}, {3}, {1}}, "bottom: 'p'",
+     "layer { name: 'p' type: 'Power' bottom: 'data' top: 'p' }"},  // OpenCV fuses it with an MVN
+    {"Dropout", "top: 'y' include { phase: TRAIN }", {}, "bottom: 'data' bottom: 'data'"},
+    {"Identity"},
+    {"Silence"},
+    {"LRN", "lrn_param { norm_region: WITHIN_CHANNEL local_size: 3 }"},
+    {"Permute", "permute_param { order: [0, 3, 1, 2] }"},
+    {"Reshape", "reshape_param { axis: 1 num_axes: 2 shape { dim: -1 } }"},
+    {"Accum", "", {}, "bottom: 'data' bottom: 'data'"},
+    {"CumSum", "softmax_param { axis: -1 }"},
+    {"GRU", "", {{6, 2}, {6, 120}, {1, 12}, {120, 2}}, "bottom: 'flat'",
+     "layer { name: 'flat' type: 'Reshape' bottom: 'data' top: 'flat' "
+     "reshape_param { shape { dim: [3, 120, 120] } } }"},
+    // What reads nothing.
+    {"Const", "", {{1, 3}}, "", "layer { name: 'y' type: 'AbsVal' bottom: 'data' top: 'y' }"},
+    {"TestHost", "", {}, "", "layer { name: 'y' type: 'AbsVal' bottom: 'data' top: 'y' }"},
+};
+// clang-format on
+
+/// What OpenCV makes of a pair by itself: the first outputs of its ends, or of all its layers.
+OutputMap Alone(const NetworkConfig& pair, const cv::Mat& image, bool only_ends) {
+  cv::dnn::Net net = cv::dnn::readNetFromCaffe(pair.dnn_prototxt_path, pair.dnn_caffemodel_path);
+  net.enableFusion(false);
+  net.setInput(cv::dnn::blobFromImage(image), "data");
+  const auto names = only_ends ? net.getUnconnectedOutLayersNames() : net.getLayerNames();
+  std::vector<cv::Mat> outputs;
+  net.forward(outputs, names);
+  OutputMap map;
+  for (std::size_t i = 0; i < names.size(); ++i) {
+    const auto* const values = outputs[i].ptr<float>();
+    map[names[i]] = {values,
+                     values + outputs[i].total() / static_cast<unsigned>(outputs[i].size[0])};
+  }
+  return map;
+}
+
+TEST_F(DnnNetworkTest, RunsWhatOpenCvRunsWithItsNumbers) {
+  cv::Mat image(120, 120, CV_32FC3);
+  cv::RNG(7).fill(image, cv::RNG::UNIFORM, -1, 1);
+  for (const auto& [type, params, shapes, bottoms, before] : kZoo) {
+    std::vector<test::CaffeBlob> blobs;
+    for (const auto& shape : shapes) blobs.push_back({"x", shape, 0.1F, 1});
+    const test::CaffeModel model =
+        test::MakeCaffeModel("input: 'data' " + before + "layer { name: 'x' type: '" + type + "' " +
+                                 bottoms + " top: 'x' " + params + " }",
+                             blobs);
+    NetworkConfig pair = Pair(model.prototxt, model.weights, {});
+    NetworkConfig binary;
+    std::ofstream(binary.dnn_binary_path = "net.binary") << model.binary;
+    for (const bool only_ends : {true, false}) {
+      const OutputMap expected = Alone(pair, image, only_ends);
+      for (NetworkConfig* config : {&pair, &binary}) {
+        TakeSyslog();  // or the log fills up, and the library waits
+        config->output_names.clear();
+        for (const auto& output : expected) config->output_names.push_back(output.first);
+        DnnNetwork network(*config);
+        network.Forward(image);
+        const OutputMap outputs = network.Forward(image);  // as planned for what was asked for
+        for (const auto& [name, values] : expected) {
+          EXPECT_LE(cv::norm(values, outputs.at(name), cv::NORM_INF), 1e-5 * cv::norm(values))
+              << type << ": " << name;
+        }
+      }
+    }
+  }
+}
+
 TEST_F(DnnNetworkTest, AsynchronousPairKeepsOneResult) {
   DnnNetwork network(Double({"end"}));
   const cv::Mat one = cv::Mat::ones(1, 1, CV_32F);
@@ -207,9 +304,21 @@ TEST_F(DnnNetworkTest, LogsAndFailsAsItShould) {
   TakeSyslog();
   config.dnn_prototxt_path = "missing";
   EXPECT_THROW(DnnNetwork{config}, cv::Exception);
-  config.dnn_binary_path = "/tmp";
-  EXPECT_EQ("[DnnNetwork] Load dnn network failed", ErrorOf([&] { DnnNetwork network(config); }));
   EXPECT_TRUE(TakeSyslog().empty());
+  const char* const snapshot = R"(
+      layer { name: "train-data" type: "Data" top: "data" top: "label" include { phase: TRAIN } }
+      layer { name: "ip" type: "InnerProduct" bottom: "data" top: "ip" param { lr_mult: 1 } }
+      layer { name: "loss" type: "SoftmaxWithLoss" bottom: "ip" bottom: "label" top: "loss" })";
+  std::ofstream("snapshot") << test::MakeCaffeModel(snapshot, {{"ip", {2, 4}}}).binary;
+  for (const auto& [file, reason] : {std::pair("/tmp", "not a regular file"),
+                                     std::pair("snapshot", "layer \"train-data\" \\(Data\\) .*")}) {
+    config.dnn_binary_path = file;
+    EXPECT_EQ("[DnnNetwork] Load dnn network failed", ErrorOf([&] { DnnNetwork{config}; }));
+    const std::vector<test::SyslogLine> refusal = TakeSyslog();
+    ASSERT_EQ(1U, refusal.size());
+    EXPECT_THAT(refusal[0].text,
+                testing::MatchesRegex(path + "Refused " + config.dnn_binary_path + ": " + reason));
+  }
 }
 
 }  // namespace

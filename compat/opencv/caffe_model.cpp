@@ -8,7 +8,7 @@
 #include <google/protobuf/io/tokenizer.h>
 #include <google/protobuf/io/zero_copy_stream_impl.h>
 #include <google/protobuf/text_format.h>
-#include <google/protobuf/unknown_field_set.h>
+#include <google/protobuf/wire_format_lite.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -21,6 +21,7 @@
 #include <iterator>
 #include <map>
 #include <memory>
+#include <opencv2/dnn/layer.hpp>
 #include <string_view>
 #include <system_error>
 #include <vector>
@@ -31,10 +32,12 @@ namespace velmora::plugin::network::compat {
 namespace {
 
 namespace pb = ::google::protobuf;
+using WireFormat = pb::internal::WireFormatLite;
 
-// For a model without its values; one of a thousand layers takes 100 KB. The limit keeps a hostile
+// For a model without its values; one of a thousand layers takes 100 KB. The limits keep a hostile
 // file from being blown up in memory: an empty layer has three bytes there and a kilobyte here.
-constexpr std::size_t kMaxSkeleton = std::size_t{4} << 20;
+constexpr std::size_t kMaxSkeleton = std::size_t{16} << 20;
+constexpr int kMaxMessages = 100'000;  // layers and blobs
 
 class File {
  public:
@@ -44,6 +47,7 @@ class File {
       // Without O_NONBLOCK, opening a FIFO waits for a writer.
       fd_ = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     } while (fd_ < 0 && errno == EINTR);
+    error_ = errno;
   }
   ~File() {
     if (fd_ >= 0) close(fd_);
@@ -53,6 +57,7 @@ class File {
 
   int fd() const { return fd_; }
   bool is_open() const { return fd_ >= 0; }
+  int error() const { return error_; }  // why it is not open
 
   // Reading anything else would take its content from OpenCV.
   bool is_regular() const {
@@ -71,189 +76,10 @@ class File {
 
  private:
   int fd_ = -1;
+  int error_ = 0;
 };
 
 // ---- the bytes of a binary model ---------------------------------------------------------------
-
-// The numbers of caffe_format.proto that the walk below needs.
-constexpr int kNetOldLayers = 2;
-constexpr int kNetLayers = 100;
-constexpr int kOldLayerBlobs = 6;
-constexpr int kLayerBlobs = 7;
-constexpr int kBlobData = 5;
-constexpr int kBlobRawData = 12;
-constexpr int kRawFloat = 1;
-constexpr int kRawFloat16 = 2;
-constexpr bool HoldsValues(int blob_field) {  // data, diff and the like
-  return (blob_field >= 5 && blob_field <= 9 && blob_field != 7) || blob_field == kBlobRawData;
-}
-
-enum WireType : std::uint32_t {
-  kVarint = 0,
-  kFixed64 = 1,
-  kBytes = 2,
-  kGroup = 3,
-  kEndOfGroup = 4,
-  kFixed32 = 5,
-};
-
-// What a blob carries of what OpenCV reads.
-struct Carried {
-  std::uint64_t floats = 0;
-  std::uint64_t raw_bytes = 0;
-};
-
-// Walks a binary model and makes a copy of it without the values in its blobs, which it skips
-// instead of loading them. Where protobuf would see another message than the walk, or memory could
-// grow out of all relation to the file, the walk ends and calls the file harmful: no model has such
-// things.
-class BinaryWalk {
- public:
-  explicit BinaryWalk(const File& file) : file_(file.fd()), in_(&file_) {
-    in_.SetTotalBytesLimit(INT_MAX);
-    static_cast<void>(in_.PushLimit(file.size()));
-    is_message_ = Net();
-  }
-
-  // False for bytes that protobuf refuses too.
-  bool is_message() const { return is_message_; }
-  bool is_harmful() const { return is_harmful_; }
-
-  const std::string& skeleton() const { return skeleton_; }
-
-  // One for each blob, in the order of the layers of a form and of their blobs.
-  const std::vector<Carried>& carried(bool is_old) const { return carried_[is_old ? 1 : 0]; }
-
- private:
-  bool Net() {
-    return Fields([this](std::uint32_t tag) {
-      const bool is_old = FieldOf(tag) == kNetOldLayers;
-      if (!is_old && FieldOf(tag) != kNetLayers) return Copy(tag, skeleton_);
-      return Nested(tag, skeleton_, [&](std::string& layer) { return Layer(is_old, layer); });
-    });
-  }
-
-  bool Layer(bool is_old, std::string& layer) {
-    return Fields([&](std::uint32_t tag) {
-      if (FieldOf(tag) != (is_old ? kOldLayerBlobs : kLayerBlobs)) return Copy(tag, layer);
-      return Nested(tag, layer, [&](std::string& blob) {
-        return Blob(carried_[is_old ? 1 : 0].emplace_back(), blob);
-      });
-    });
-  }
-
-  // As protobuf merges: floats add up, packed or not; of raw bytes the last count.
-  bool Blob(Carried& carried, std::string& blob) {
-    return Fields([&](std::uint32_t tag) {
-      const int field = FieldOf(tag);
-      if (field == kBlobData && WireTypeOf(tag) == kFixed32) {
-        ++carried.floats;
-        return in_.Skip(4);
-      }
-      if (!HoldsValues(field) || WireTypeOf(tag) != kBytes) return Copy(tag, blob);
-      int size = 0;
-      if (!ReadSize(size)) return false;
-      if (field == kBlobData) carried.floats += static_cast<std::uint64_t>(size) / 4;
-      if (field == kBlobRawData) carried.raw_bytes = static_cast<std::uint64_t>(size);
-      return in_.Skip(size);
-    });
-  }
-
-  // Calls `handle` with the tag of each field up to the end of the current message.
-  template <typename Handle>
-  bool Fields(Handle handle) {
-    while (in_.BytesUntilLimit() > 0) {
-      std::uint32_t tag = 0;
-      if (!in_.ReadVarint32(&tag)) return false;
-      // At a zero, protobuf ends the message and ignores what follows.
-      if (tag == 0) return Harmful();
-      if (FieldOf(tag) == 0 || !handle(tag)) return false;
-    }
-    return true;
-  }
-
-  // Adds to `outer` a message that `walk` makes a copy of.
-  template <typename Walk>
-  bool Nested(std::uint32_t tag, std::string& outer, Walk walk) {
-    if (WireTypeOf(tag) != kBytes) return Copy(tag, outer);
-    int size = 0;
-    if (!ReadSize(size)) return false;
-    const auto limit = in_.PushLimit(size);
-    std::string copy;
-    if (!walk(copy)) return false;
-    in_.PopLimit(limit);
-    return Append(tag, outer) && Append(copy.size(), outer) && Append(copy, outer);
-  }
-
-  bool Copy(std::uint32_t tag, std::string& out) {
-    std::uint64_t number = 0;
-    int size = 0;
-    if (!Append(tag, out)) return false;
-    switch (WireTypeOf(tag)) {
-      case kVarint:
-        return in_.ReadVarint64(&number) && Append(number, out);
-      case kFixed64:
-        return CopyBytes(8, out);
-      case kFixed32:
-        return CopyBytes(4, out);
-      case kBytes:
-        return ReadSize(size) && Append(static_cast<std::uint64_t>(size), out) &&
-               CopyBytes(size, out);
-      case kGroup:
-      case kEndOfGroup:
-        // The format has none. protobuf skips a group, with what may look like a blob in it, and
-        // ends a message at the end of a group that never began.
-        return Harmful();
-    }
-    return false;
-  }
-
-  bool CopyBytes(int size, std::string& out) {
-    if (static_cast<std::size_t>(size) > kMaxSkeleton) return Harmful();
-    std::string bytes;
-    return in_.ReadString(&bytes, size) && Append(bytes, out);
-  }
-
-  bool ReadSize(int& size) {
-    return in_.ReadVarintSizeAsInt(&size) && size <= in_.BytesUntilLimit();
-  }
-
-  bool Append(std::string_view bytes, std::string& out) {
-    out += bytes;
-    return out.size() <= kMaxSkeleton || Harmful();
-  }
-
-  bool Append(std::uint64_t varint, std::string& out) {
-    std::uint8_t bytes[10];
-    std::uint8_t* const end = pb::io::CodedOutputStream::WriteVarint64ToArray(varint, bytes);
-    return Append(std::string(bytes, end), out);
-  }
-
-  bool Harmful() {
-    is_harmful_ = true;
-    return false;
-  }
-
-  static int FieldOf(std::uint32_t tag) { return static_cast<int>(tag >> 3); }
-  static WireType WireTypeOf(std::uint32_t tag) { return static_cast<WireType>(tag & 7); }
-
-  pb::io::FileInputStream file_;
-  pb::io::CodedInputStream in_;
-  std::string skeleton_;
-  std::vector<Carried> carried_[2];
-  bool is_message_ = false;
-  bool is_harmful_ = false;
-};
-
-// ---- descriptions ------------------------------------------------------------------------------
-
-class Silence : public pb::io::ErrorCollector {
- public:
-  // libprotobuf calls the first up to version 21 and the second from 22 on.
-  void AddError(int /*line*/, pb::io::ColumnNumber /*column*/,  // NOLINT(modernize-use-override)
-                const std::string& /*message*/) {}
-  void RecordError(int /*line*/, pb::io::ColumnNumber /*column*/, std::string_view /*message*/) {}
-};
 
 // The format as messages made at run time. Generated classes would enter themselves in a table that
 // libprotobuf keeps for the whole process, and loading this library, unloading it and loading it
@@ -266,6 +92,8 @@ class Format {
     net_ = pool_.BuildFile(files.file(0))->FindMessageTypeByName("NetParameter");
   }
 
+  const pb::Descriptor* net() const { return net_; }
+
   std::unique_ptr<pb::Message> NewNet() {
     return std::unique_ptr<pb::Message>(factory_.GetPrototype(net_)->New());
   }
@@ -274,6 +102,129 @@ class Format {
   pb::DescriptorPool pool_;
   pb::DynamicMessageFactory factory_;
   const pb::Descriptor* net_ = nullptr;
+};
+
+// Walks a binary model and makes a copy of it without the values in its blobs and without the
+// fields that the format lacks: it skips these instead of loading them.
+class BinaryWalk {
+ public:
+  BinaryWalk(const File& file, const pb::Descriptor* net) : file_(file.fd()), in_(&file_) {
+    in_.SetTotalBytesLimit(INT_MAX);
+    static_cast<void>(in_.PushLimit(file.size()));
+    is_message_ = Message(net, skeleton_, Level::kNet);
+  }
+
+  // False for bytes that protobuf refuses too, or that are too much.
+  bool is_message() const { return is_message_; }
+  bool is_too_much() const { return is_too_much_; }
+
+  const std::string& skeleton() const { return skeleton_; }
+
+ private:
+  enum class Level { kNet, kLayer, kBlob };
+
+  static bool IsNext(Level level, const pb::FieldDescriptor& field) {
+    return level == Level::kNet     ? field.name() == "layer" || field.name() == "layers"
+           : level == Level::kLayer ? field.name() == "blobs"
+                                    : false;
+  }
+
+  bool Message(const pb::Descriptor* type, std::string& out, Level level) {
+    while (in_.BytesUntilLimit() > 0) {
+      std::uint32_t tag = 0;
+      if (!in_.ReadVarint32(&tag)) return false;
+      // A zero, or the end of a group that did not begin, ends the whole message; what follows is
+      // ignored. Within a message, protobuf takes either for an error.
+      if (tag == 0 || WireFormat::GetTagWireType(tag) == WireFormat::WIRETYPE_END_GROUP) {
+        return level == Level::kNet;
+      }
+      const pb::FieldDescriptor* field =
+          type->FindFieldByNumber(WireFormat::GetTagFieldNumber(tag));
+      const bool is_number = WireFormat::GetTagWireType(tag) == WireFormat::WIRETYPE_VARINT;
+      const bool is_bytes =
+          WireFormat::GetTagWireType(tag) == WireFormat::WIRETYPE_LENGTH_DELIMITED;
+      const bool holds_values = level == Level::kBlob && field != nullptr && !is_number &&
+                                field->cpp_type() != pb::FieldDescriptor::CPPTYPE_MESSAGE;
+      if (field == nullptr || holds_values) {
+        if (!WireFormat::SkipField(&in_, tag)) return false;
+      } else if (is_bytes && IsNext(level, *field)) {
+        if (!Nested(tag, field->message_type(), out, level)) return false;
+      } else if (!Copy(tag, out)) {
+        return false;
+      }
+    }
+    return true;
+  }
+
+  bool Nested(std::uint32_t tag, const pb::Descriptor* type, std::string& outer, Level level) {
+    int size = 0;
+    if (!ReadSize(size)) return false;
+    if (++messages_ > kMaxMessages) return TooMuch();
+    const auto limit = in_.PushLimit(size);
+    std::string copy;
+    if (!Message(type, copy, level == Level::kNet ? Level::kLayer : Level::kBlob)) return false;
+    in_.PopLimit(limit);
+    return Append(tag, outer) && Append(copy.size(), outer) && Append(copy, outer);
+  }
+
+  bool Copy(std::uint32_t tag, std::string& out) {
+    std::uint64_t number = 0;
+    int size = 0;
+    switch (WireFormat::GetTagWireType(tag)) {
+      case WireFormat::WIRETYPE_VARINT:
+        return in_.ReadVarint64(&number) && Append(tag, out) && Append(number, out);
+      case WireFormat::WIRETYPE_FIXED32:
+        return Append(tag, out) && CopyBytes(4, out);
+      case WireFormat::WIRETYPE_LENGTH_DELIMITED:
+        return ReadSize(size) && Append(tag, out) &&
+               Append(static_cast<std::uint64_t>(size), out) && CopyBytes(size, out);
+      default:  // the format has no such fields
+        return WireFormat::SkipField(&in_, tag);
+    }
+  }
+
+  bool CopyBytes(int size, std::string& out) {
+    if (static_cast<std::size_t>(size) > kMaxSkeleton) return TooMuch();
+    std::string bytes;
+    return in_.ReadString(&bytes, size) && Append(bytes, out);
+  }
+
+  bool ReadSize(int& size) {
+    return in_.ReadVarintSizeAsInt(&size) && size <= in_.BytesUntilLimit();
+  }
+
+  bool Append(std::string_view bytes, std::string& out) {
+    out += bytes;
+    return out.size() <= kMaxSkeleton || TooMuch();
+  }
+
+  bool Append(std::uint64_t varint, std::string& out) {
+    std::uint8_t bytes[10];
+    std::uint8_t* const end = pb::io::CodedOutputStream::WriteVarint64ToArray(varint, bytes);
+    return Append(std::string(bytes, end), out);
+  }
+
+  bool TooMuch() {
+    is_too_much_ = true;
+    return false;
+  }
+
+  pb::io::FileInputStream file_;
+  pb::io::CodedInputStream in_;
+  std::string skeleton_;
+  int messages_ = 0;
+  bool is_message_ = false;
+  bool is_too_much_ = false;
+};
+
+// ---- descriptions ------------------------------------------------------------------------------
+
+class Silence : public pb::io::ErrorCollector {
+ public:
+  // libprotobuf calls the first up to version 21 and the second from 22 on.
+  void AddError(int /*line*/, pb::io::ColumnNumber /*column*/,  // NOLINT(modernize-use-override)
+                const std::string& /*message*/) {}
+  void RecordError(int /*line*/, pb::io::ColumnNumber /*column*/, std::string_view /*message*/) {}
 };
 
 const pb::FieldDescriptor* FieldOf(const pb::Message& message, const std::string& name) {
@@ -336,52 +287,58 @@ std::vector<std::int64_t> NumbersIn(const pb::Message& message, const pb::FieldD
   return numbers;
 }
 
-std::string NameOf(const pb::Message& layer) {
-  return layer.GetReflection()->GetString(layer, FieldOf(layer, "name"));
+// What a field of text or an enumeration says; empty without one.
+std::string TextIn(const pb::Message& message, const std::string& name) {
+  const pb::FieldDescriptor* field = FieldOf(message, name);
+  if (Count(message, field) == 0) return {};
+  const pb::Reflection& reflection = *message.GetReflection();
+  return field->enum_type() == nullptr
+             ? reflection.GetString(message, field)
+             : std::string(field->enum_type()
+                               ->FindValueByNumber(reflection.GetEnumValue(message, field))
+                               ->name());
 }
 
-// In small letters: the old types are "DROPOUT" and the like, and older versions of OpenCV compare
-// types without regard to case.
-std::string TypeOf(const pb::Message& layer) {
-  const pb::FieldDescriptor* field = FieldOf(layer, "type");
-  const pb::EnumDescriptor* old_types = field->enum_type();
-  const pb::Reflection& reflection = *layer.GetReflection();
-  std::string type =
-      old_types == nullptr
-          ? reflection.GetString(layer, field)
-          : std::string(
-                old_types->FindValueByNumber(reflection.GetEnumValue(layer, field))->name());
-  for (char& c : type) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return type;
+// A layer of the oldest form stands in one of the old form, with its name and type.
+const pb::Message& InnermostOf(const pb::Message& layer) {
+  const pb::FieldDescriptor* inner = FieldOf(layer, "layer");
+  return inner != nullptr && Count(layer, inner) > 0
+             ? layer.GetReflection()->GetMessage(layer, inner)
+             : layer;
 }
 
-bool HasOldLayers(const pb::Message& net) { return Count(net, "layers") > 0; }
+std::string NameOf(const pb::Message& layer) { return TextIn(InnermostOf(layer), "name"); }
+std::string TypeOf(const pb::Message& layer) { return TextIn(InnermostOf(layer), "type"); }
+
+// As the rules below spell a type: the types of the forms differ in case and in "_", and older
+// versions of OpenCV compare in small letters.
+std::string KeyOf(const std::string& type) {
+  std::string key;
+  for (const char c : type) {
+    if (c != '_') key += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  }
+  return key == "conv" ? "convolution" : key == "pool" ? "pooling" : key;
+}
 
 // If there are layers of both forms, OpenCV takes the old ones and drops the others.
 std::vector<const pb::Message*> LayersOf(const pb::Message& net) {
-  return MessagesIn(net, FieldOf(net, HasOldLayers(net) ? "layers" : "layer"));
+  return MessagesIn(net, FieldOf(net, Count(net, "layers") > 0 ? "layers" : "layer"));
 }
 
-bool HasUnknownField(const pb::Message& message) {
-  if (!message.GetReflection()->GetUnknownFields(message).empty()) return true;
-  for (const pb::FieldDescriptor* field : FieldsIn(message)) {
-    for (const pb::Message* inner : MessagesIn(message, field)) {
-      if (HasUnknownField(*inner)) return true;
-    }
-  }
-  return false;
-}
-
-// True if the message is in one form, and not in the oldest (a layer in a layer), which
-// caffe_format.proto does not spell out.
-bool IsInKnownForm(const pb::Message& net) {
-  const auto layers = LayersOf(net);
-  if (layers.empty() || !HasOldLayers(net)) return !layers.empty();
-  return Count(net, "layer") == 0 &&
-         std::ranges::none_of(layers, [](const auto* layer) { return Count(*layer, "layer") > 0; });
+// How many layers are of the oldest form.
+std::ptrdiff_t CountOldest(const pb::Message& net) {
+  return std::ranges::count_if(LayersOf(net),
+                               [](const auto* layer) { return &InnermostOf(*layer) != layer; });
 }
 
 // ---- what crashes OpenCV -----------------------------------------------------------------------
+//
+// Each rule returns a reason, or nothing for what OpenCV may have. They hold for every layer of a
+// description, whatever phase its "include" names: OpenCV leaves no layer out.
+
+std::string Plural(std::int64_t count, const std::string& thing) {
+  return std::to_string(count) + " " + thing + (count == 1 ? "" : "s");
+}
 
 // OpenCV's choice: the old shape if any part of it is there, else the new one, else a scalar.
 std::vector<std::int64_t> DimsOf(const pb::Message& blob) {
@@ -398,121 +355,232 @@ std::vector<std::int64_t> DimsOf(const pb::Message& blob) {
                         : NumbersIn(*shapes[0], FieldOf(*shapes[0], "dim"));
 }
 
-// True if a blob carries what its shape claims. OpenCV compares the two in 32 bits and reads by the
-// shape. It lets blobs of no values pass, by whose size some layers then divide.
-bool IsHonest(const pb::Message& blob, const Carried& carried) {
-  constexpr std::uint64_t kTooMany = std::uint64_t{1} << 32;
+// How many values a blob claims to carry, as far as an int counts. OpenCV takes dimensions for
+// ints.
+std::int64_t ValuesOf(const pb::Message& blob) {
   const auto dims = DimsOf(blob);
-  std::uint64_t claimed = dims.empty() ? 0 : 1;
+  std::int64_t count = dims.empty() ? 0 : 1;
   for (const std::int64_t dim : dims) {
-    if (dim <= 0 || dim > INT_MAX) return false;
-    claimed = std::min(claimed * static_cast<std::uint64_t>(dim), kTooMany);
+    count = std::min(count * static_cast<std::int64_t>(static_cast<std::int32_t>(dim)),
+                     std::int64_t{INT_MAX} + 1);
+    if (count < 0) return 1;  // OpenCV refuses it
   }
-  const int raw_type = blob.GetReflection()->GetEnumValue(blob, FieldOf(blob, "raw_data_type"));
-  const std::uint64_t raw_size = raw_type == kRawFloat ? 4 : raw_type == kRawFloat16 ? 2 : 0;
-  const std::uint64_t raw_values = raw_size > 0 ? carried.raw_bytes / raw_size : 0;
-  return claimed > 0 && claimed <= (carried.floats > 0 ? carried.floats : raw_values);
-}
-
-bool HasHonestBlobs(const pb::Message& net, const BinaryWalk& walk) {
-  auto carried = walk.carried(HasOldLayers(net)).begin();
-  for (const pb::Message* layer : LayersOf(net)) {
-    for (const pb::Message* blob : MessagesIn(*layer, FieldOf(*layer, "blobs"))) {
-      if (!IsHonest(*blob, *carried++)) return false;
-    }
-  }
-  return true;
+  return count;
 }
 
 // Numbers outside these limits make OpenCV divide by zero, overflow or leave its arrays. It pours
 // all parameter messages of a layer into one list, so that a number counts by its name, wherever it
 // stands.
 struct NumberLimit {
-  std::string_view layer_type;  // as from TypeOf; empty for every type
+  std::string_view layer_type;  // as from KeyOf; empty for every type
   std::string_view name;
   std::int64_t min;
   std::int64_t max;
 };
 constexpr std::int64_t kLastAxis = 31;
-constexpr std::int64_t kMaxExtent = 32767;  // the product of two fits in an int
+constexpr std::int64_t kBelowCount = INT64_MAX;  // less than there are numbers of the name
+constexpr std::int64_t kMaxPad = INT_MAX / 4;    // two of them and a window fit in an int
 constexpr NumberLimit kNumberLimits[] = {
     {"", "axis", -kLastAxis, kLastAxis},
-    {"", "dilation", 0, kMaxExtent},
     {"", "group", 1, INT_MAX},
-    {"", "kernel_h", 0, kMaxExtent},
-    {"", "kernel_size", 0, kMaxExtent},
-    {"", "kernel_w", 0, kMaxExtent},
-    {"", "num_output", 1, INT_MAX},
-    {"", "order", 0, kLastAxis},
+    {"", "pad", 0, kMaxPad},
+    {"", "pad_h", 0, kMaxPad},
+    {"", "pad_w", 0, kMaxPad},
+    {"convolution", "num_output", 1, INT_MAX},
+    {"convolutiondepthwise", "num_output", 1, INT_MAX},
+    {"cumsum", "axis", -1, -1},
+    {"deconvolution", "num_output", 1, INT_MAX},
+    {"innerproduct", "num_output", 1, INT_MAX},
+    {"permute", "order", 0, kBelowCount},
     {"proposal", "post_nms_topn", 0, INT_MAX},
     {"scale", "axis", 0, kLastAxis},
 };
 
-// What OpenCV takes for granted about the layers of a type. Where no row says otherwise, a layer
-// has to read something; that the layers in the weights of a pair do not is what tells these from a
-// description.
+// What OpenCV takes for granted about the layers of a type.
 struct LayerNeeds {
   std::string_view type;
-  int min_bottoms = 1;
+  int min_bottoms = 0;
   int max_bottoms = INT_MAX;
   int max_tops_beyond_bottoms = INT_MAX;
   int min_blobs = 0;
+  int min_values = 0;            // in each blob
+  std::string_view number = {};  // that it has to have
 };
 constexpr LayerNeeds kLayerNeeds[] = {
-    {.type = "batchnorm", .min_blobs = 2},
-    {.type = "cumsum", .max_bottoms = 0},  // crashes whatever it is given
-    {.type = "deconvolution", .min_blobs = 1},
+    {.type = "accum", .min_bottoms = 1},
+    {.type = "batchnorm", .min_bottoms = 1, .min_blobs = 2, .min_values = 1},
+    {.type = "convolution", .min_values = 1},
+    {.type = "convolutiondepthwise", .min_values = 1},
+    {.type = "cumsum", .number = "axis"},
+    {.type = "deconvolution", .min_blobs = 1, .min_values = 1},
     {.type = "dropout", .max_tops_beyond_bottoms = 0},
     {.type = "gru", .min_blobs = 3},
     {.type = "identity", .max_tops_beyond_bottoms = 0},
-    {.type = "input", .min_bottoms = 0},
     {.type = "lrn", .max_bottoms = 1},
+    {.type = "reshape", .min_bottoms = 1},
+    {.type = "scale", .min_bottoms = 1},
+    {.type = "shift", .min_bottoms = 1},
     {.type = "silence", .max_tops_beyond_bottoms = 0},
 };
 
-bool IsWithinLimits(const pb::Message& message, const std::string& layer_type) {
+// Adds the numbers of a layer that are called `name`.
+void AddNumbers(const pb::Message& message, std::string_view name,
+                std::vector<std::int64_t>& numbers) {
   for (const pb::FieldDescriptor* field : FieldsIn(message)) {
-    for (const pb::Message* inner : MessagesIn(message, field)) {
-      if (!IsWithinLimits(*inner, layer_type)) return false;
+    for (const pb::Message* inner : MessagesIn(message, field)) AddNumbers(*inner, name, numbers);
+    if (field->name() == name)
+      std::ranges::copy(NumbersIn(message, field), std::back_inserter(numbers));
+  }
+}
+
+std::vector<std::int64_t> NumbersOf(const pb::Message& layer, std::string_view name) {
+  std::vector<std::int64_t> numbers;
+  AddNumbers(layer, name, numbers);
+  return numbers;
+}
+
+bool FitInInt(std::int64_t a, std::int64_t b) { return a == 0 || b <= INT_MAX / a; }
+
+std::string BadNumber(const pb::Message& layer, const std::string& type) {
+  const auto is = [](std::string_view name, std::int64_t number) {
+    return std::string(name) + " is " + std::to_string(number) + ", ";
+  };
+  for (const NumberLimit& limit : kNumberLimits) {
+    if (!limit.layer_type.empty() && limit.layer_type != type) continue;
+    const std::vector<std::int64_t> numbers = NumbersOf(layer, limit.name);
+    const std::int64_t max =
+        limit.max == kBelowCount ? static_cast<std::int64_t>(numbers.size()) - 1 : limit.max;
+    for (const std::int64_t number : numbers) {
+      if (number >= limit.min && number <= max) continue;
+      return is(limit.name, number) + "which must be " + std::to_string(limit.min) + " to " +
+             std::to_string(max);
     }
-    for (const NumberLimit& limit : kNumberLimits) {
-      if (limit.name != field->name()) continue;
-      if (!limit.layer_type.empty() && limit.layer_type != layer_type) continue;
-      for (const std::int64_t number : NumbersIn(message, field)) {
-        if (number < limit.min || number > limit.max) return false;
+  }
+  // OpenCV counts in an int the values of a pooling window and those that a dilated one spans.
+  if (type == "pooling") {
+    for (const char* const name : {"kernel_size", "kernelsize"}) {  // new forms and the oldest
+      for (const std::int64_t side : NumbersOf(layer, name)) {
+        if (!FitInInt(side, side)) return is(name, side) + "too large for an area";
+      }
+    }
+    for (const std::int64_t height : NumbersOf(layer, "kernel_h")) {
+      for (const std::int64_t width : NumbersOf(layer, "kernel_w")) {
+        if (FitInInt(height, width)) continue;
+        return is("kernel_h", height) + is("kernel_w", width) + "too large for an area";
+      }
+    }
+  } else if (type.starts_with("convolution")) {
+    for (const std::int64_t dilation : NumbersOf(layer, "dilation")) {
+      for (const char* const name : {"kernel_size", "kernel_h", "kernel_w"}) {
+        for (const std::int64_t size : NumbersOf(layer, name)) {
+          if (FitInInt(dilation, size)) continue;
+          return is("dilation", dilation) + is(name, size) + "too large together";
+        }
       }
     }
   }
-  return true;
+  return {};
 }
 
-bool IsDescriptionHarmless(const pb::Message& description, const pb::Message& weights) {
+// True for the types of OpenCV's own layers and of those that the host has added to them.
+template <typename Factory = ::cv::dnn::LayerFactory>
+bool IsRegistered(const std::string& type) {
+  if constexpr (requires { Factory::isLayerRegistered(type); }) {
+    return Factory::isLayerRegistered(type);
+  } else {  // before 4.5
+    try {
+      ::cv::dnn::LayerParams none;
+      return !Factory::createLayerInstance(type, none).empty();
+    } catch (const std::exception&) {
+      return true;  // it is, and misses its parameters
+    }
+  }
+}
+
+// The name of an old type in the new form: "MemoryData" for "MEMORY_DATA".
+std::string NewNameOf(const std::string& old_type) {
+  std::string name;
+  bool is_first = true;
+  for (const char c : old_type) {
+    const auto letter = static_cast<unsigned char>(c);
+    if (c != '_') name += static_cast<char>(is_first ? std::toupper(letter) : std::tolower(letter));
+    is_first = c == '_';
+  }
+  return name;
+}
+
+std::string BadLayer(const pb::Message& layer, const std::vector<const pb::Message*>& blobs,
+                     int most_values) {
+  const std::string type = KeyOf(TypeOf(layer));
+  const auto* const row = std::ranges::find(kLayerNeeds, type, &LayerNeeds::type);
+  const LayerNeeds needs = row != std::end(kLayerNeeds) ? *row : LayerNeeds{};
+  const int bottoms = Count(layer, "bottom");
+  const int tops = Count(layer, "top");
+  if (bottoms == 0 && type != "input") {
+    const bool is_old = FieldOf(layer, "type")->enum_type() != nullptr;
+    if (!IsRegistered(is_old ? NewNameOf(TypeOf(layer)) : TypeOf(layer))) {
+      return "reads nothing, and OpenCV has no layer of this type: a network for use takes its "
+             "data from an Input layer, not from those of its training";
+    }
+  }
+  if (bottoms < needs.min_bottoms) return "has no bottom, which it must have";
+  if (bottoms > needs.max_bottoms) {
+    return "has " + Plural(bottoms, "bottom") + ", of at most " + std::to_string(needs.max_bottoms);
+  }
+  if (tops - bottoms > needs.max_tops_beyond_bottoms) {
+    return "has " + Plural(tops, "top") + ", which must not be more than the bottoms";
+  }
+  if (static_cast<int>(blobs.size()) < needs.min_blobs) {
+    return "has " + Plural(static_cast<int>(blobs.size()), "blob") + " of weights, and needs " +
+           std::to_string(needs.min_blobs);
+  }
+  for (std::size_t i = 0; i < blobs.size(); ++i) {
+    const std::int64_t values = ValuesOf(*blobs[i]);
+    if (values > most_values) {
+      return "claims more values in blob " + std::to_string(i) + " than the file can carry";
+    }
+    if (values < needs.min_values) return "has no values in blob " + std::to_string(i);
+  }
+  if (!needs.number.empty() && NumbersOf(layer, needs.number).empty()) {
+    return "has no " + std::string(needs.number) + ", which it must have";
+  }
+  return BadNumber(layer, type);
+}
+
+// Of a name or a type: what fits into a line of a log.
+std::string Quotable(const std::string& text) {
+  constexpr std::size_t kLongest = 60;
+  std::string line = text.substr(0, kLongest) + (text.size() > kLongest ? "..." : "");
+  std::ranges::replace_if(
+      line, [](char c) { return std::iscntrl(static_cast<unsigned char>(c)) != 0; }, '?');
+  return line;
+}
+
+// `size` is that of the file of the weights, in which a value takes two bytes or more.
+std::string BadModel(const pb::Message& description, const pb::Message& weights, int size) {
+  for (const pb::Message* net : {&description, &weights}) {
+    const auto oldest = CountOldest(*net);
+    if (oldest > 0 && oldest < std::ssize(LayersOf(*net))) return "mixes two forms of layers";
+  }
   // As OpenCV goes about it: a layer takes the blobs of the first of its name that still has any.
-  std::multimap<std::string, int> blobs_by_name;
+  // Those of other layers are not looked at.
+  std::multimap<std::string, const pb::Message*> layers_with_blobs;
   for (const pb::Message* layer : LayersOf(weights)) {
-    if (const int blobs = Count(*layer, "blobs")) blobs_by_name.emplace(NameOf(*layer), blobs);
+    if (Count(*layer, "blobs") > 0) layers_with_blobs.emplace(NameOf(*layer), layer);
   }
   for (const pb::Message* layer : LayersOf(description)) {
-    const std::string type = TypeOf(*layer);
-    LayerNeeds needs;
-    if (const auto* row = std::ranges::find(kLayerNeeds, type, &LayerNeeds::type);
-        row != std::end(kLayerNeeds)) {
-      needs = *row;
+    std::vector<const pb::Message*> blobs;
+    const std::string name = NameOf(*layer);
+    if (const auto found = layers_with_blobs.lower_bound(name);
+        found != layers_with_blobs.end() && found->first == name) {
+      blobs = MessagesIn(*found->second, FieldOf(*found->second, "blobs"));
+      layers_with_blobs.erase(found);
     }
-    int blobs = 0;
-    if (const auto found = blobs_by_name.lower_bound(NameOf(*layer));
-        found != blobs_by_name.end() && found->first == NameOf(*layer)) {
-      blobs = found->second;
-      blobs_by_name.erase(found);
-    }
-    const int bottoms = Count(*layer, "bottom");
-    if (bottoms < needs.min_bottoms || bottoms > needs.max_bottoms || blobs < needs.min_blobs ||
-        Count(*layer, "top") - bottoms > needs.max_tops_beyond_bottoms ||
-        !IsWithinLimits(*layer, type)) {
-      return false;
+    if (const std::string reason = BadLayer(*layer, blobs, size / 2); !reason.empty()) {
+      return "layer \"" + Quotable(name) + "\" (" + Quotable(TypeOf(*layer)) + ") " + reason;
     }
   }
-  return true;
+  return {};
 }
 
 // Silently, and past fields that caffe_format.proto lacks: what to make of those is OpenCV's
@@ -539,47 +607,76 @@ void Write(const File& file, std::string_view text) {
   }
 }
 
+const char* const kNotRegular = "not a regular file";
+const char* const kTooMuch = "more than 16 MiB, or 100,000 layers and blobs, besides the weights";
+
+// Why OpenCV may not have a model of one file; otherwise writes the description in it to `text`.
+std::string RefusalOf(const File& model, std::string& text) {
+  if (!model.is_open()) return std::generic_category().message(model.error());
+  if (!model.is_regular()) return kNotRegular;
+  Format format;
+  const BinaryWalk walk(model, format.net());
+  if (walk.is_too_much()) return kTooMuch;
+  const auto net = format.NewNet();
+  if (!walk.is_message() || !net->ParsePartialFromString(walk.skeleton())) {
+    return "not a binary Caffe model";
+  }
+  if (!net->IsInitialized()) return "no value of " + net->InitializationErrorString();
+  if (std::ranges::none_of(LayersOf(*net),
+                           [](const auto* layer) { return Count(*layer, "bottom") > 0; })) {
+    return "no layer reads anything: weights of a pair, without the description";
+  }
+  if (CountOldest(*net) > 0) return "layers of the oldest form, which have to be upgraded";
+  // As text, what the format lacks would be its numbers, which OpenCV does not read.
+  net->DiscardUnknownFields();
+  std::string reason = BadModel(*net, *net, model.size());
+  if (reason.empty() && !pb::TextFormat::PrintToString(*net, &text)) reason = "too deeply nested";
+  return reason;
+}
+
 }  // namespace
 
-::cv::dnn::Net ReadCaffePair(const std::string& prototxt_path, const std::string& caffemodel_path) {
+std::string RefusalOfCaffePair(const std::string& prototxt_path,
+                               const std::string& caffemodel_path) {
   // What cannot be opened or parsed is left to OpenCV, whose exception names the file.
-  const auto read = [&] { return ::cv::dnn::readNetFromCaffe(prototxt_path, caffemodel_path); };
   Format format;
   const auto description = format.NewNet();
   const auto weights = format.NewNet();
-
+  int size = 0;
   const File text(prototxt_path);
-  if (!text.is_open()) return read();
-  if (!text.is_regular()) return {};
-  if (!ParseText(text, *description)) return read();
+  if (!text.is_open()) return {};
+  if (!text.is_regular()) return prototxt_path + ": " + kNotRegular;
+  if (!ParseText(text, *description)) return {};
 
   if (!caffemodel_path.empty()) {  // otherwise OpenCV makes a network without weights
     const File model(caffemodel_path);
-    if (!model.is_open()) return read();
-    if (!model.is_regular()) return {};
-    const BinaryWalk walk(model);
-    if (walk.is_harmful()) return {};
-    if (!walk.is_message() || !weights->ParsePartialFromString(walk.skeleton())) return read();
-    if (!HasHonestBlobs(*weights, walk)) return {};
+    if (!model.is_open()) return {};
+    size = model.size();
+    if (!model.is_regular()) return caffemodel_path + ": " + kNotRegular;
+    const BinaryWalk walk(model, format.net());
+    if (walk.is_too_much()) return caffemodel_path + ": " + kTooMuch;
+    if (!walk.is_message() || !weights->ParsePartialFromString(walk.skeleton())) return {};
   }
-  return IsDescriptionHarmless(*description, *weights) ? read() : ::cv::dnn::Net();
+  const std::string reason = BadModel(*description, *weights, size);
+  return reason.empty() ? reason : prototxt_path + ": " + reason;
+}
+
+std::string RefusalOfCaffeBinary(const std::string& path) {
+  std::string text;
+  const std::string reason = RefusalOf(File(path), text);
+  return reason.empty() ? reason : path + ": " + reason;
+}
+
+::cv::dnn::Net ReadCaffePair(const std::string& prototxt_path, const std::string& caffemodel_path) {
+  return RefusalOfCaffePair(prototxt_path, caffemodel_path).empty()
+             ? ::cv::dnn::readNetFromCaffe(prototxt_path, caffemodel_path)
+             : ::cv::dnn::Net();
 }
 
 ::cv::dnn::Net ReadCaffeBinary(const std::string& path) {
   const File model(path);
-  if (!model.is_regular()) return {};
-  const BinaryWalk walk(model);
-  if (!walk.is_message()) return {};
   std::string text;
-  {
-    Format format;
-    const auto net = format.NewNet();
-    if (!net->ParsePartialFromString(walk.skeleton()) || !net->IsInitialized() ||
-        HasUnknownField(*net) || !IsInKnownForm(*net) || !HasHonestBlobs(*net, walk) ||
-        !IsDescriptionHarmless(*net, *net) || !pb::TextFormat::PrintToString(*net, &text)) {
-      return {};
-    }
-  }
+  if (!RefusalOf(model, text).empty()) return {};
   // OpenCV takes a description as text only. The weights it finds in the model itself, by the names
   // of the layers.
   const File description(memfd_create("caffe-description", MFD_CLOEXEC));

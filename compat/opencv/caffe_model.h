@@ -8,21 +8,28 @@
 
 namespace velmora::plugin::network::compat {
 
-/// Loads a description (text) and its weights (binary; an empty path for none).
-///
-/// Returns an empty net for files that would crash OpenCV's importer or the network made of them,
-/// such as one with a blob that claims more values than it carries (docs/hostile-models.md lists
-/// them), and for a path that is no regular file. Throws OpenCV's own cv::Exception for all other
-/// files that it refuses.
+/// Why the description (text) and its weights (binary; an empty path for none) are kept from
+/// OpenCV, in words for the author of the model, with the file and if possible the layer: they
+/// would crash its importer or the network made of them (docs/hostile-models.md lists what does),
+/// or they are those of a training run. Empty for files that OpenCV may have, which include those
+/// that it cannot open or parse.
+std::string RefusalOfCaffePair(const std::string& prototxt_path,
+                               const std::string& caffemodel_path);
+
+/// The same for one binary file that holds both. It is refused too if it cannot be read or holds no
+/// such model.
+std::string RefusalOfCaffeBinary(const std::string& path);
+
+/// Loads a pair; an empty net for one that is refused. Throws OpenCV's own cv::Exception for files
+/// that OpenCV refuses.
 ::cv::dnn::Net ReadCaffePair(const std::string& prototxt_path, const std::string& caffemodel_path);
 
 /// Loads one binary file that holds description and weights; the net computes what the pair of the
 /// same model would. OpenCV reads the weights from the file itself: this makes no copy of them.
+/// Fields and values that caffe_format.proto lacks are passed over.
 ///
-/// Returns an empty net for a file that cannot be read, is not such a model, has no description
-/// (such as the weights of a pair), uses a field or a value that caffe_format.proto lacks (left out
-/// silently, it would give wrong results), or would crash OpenCV. Throws OpenCV's own cv::Exception
-/// for a model that it refuses, and std::system_error if the system has no memory file to spare.
+/// Returns an empty net for a file that is refused. Throws OpenCV's own cv::Exception for a model
+/// that OpenCV refuses, and std::system_error if the system has no memory file to spare.
 ::cv::dnn::Net ReadCaffeBinary(const std::string& path);
 
 }  // namespace velmora::plugin::network::compat

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "network/log.h"
+#include "opencv/caffe_model.h"
 
 namespace velmora::plugin::network {
 
@@ -22,6 +23,13 @@ DnnNetwork::DnnNetwork(NetworkConfig config) : BaseNetwork(config), net_(std::ma
                                           cv::String(config_.dnn_caffemodel_path.c_str())));
   }
   if (net_->empty()) {
+    const std::string reason =
+        config_.dnn_binary_path.empty()
+            ? compat::RefusalOfCaffePair(config_.dnn_prototxt_path, config_.dnn_caffemodel_path)
+            : compat::RefusalOfCaffeBinary(config_.dnn_binary_path);
+    if (!reason.empty()) {
+      LogInfo("[DnnNetwork] Refused {}", reason);
+    }
     throw Exception("[DnnNetwork] Load dnn network failed");
   }
   LogInfo("[DnnNetwork] Init network");
@@ -34,8 +42,8 @@ OutputMap DnnNetwork::Forward(const cv::Mat& image) {
   net_->setBlob(".data", blob);
   net_->forward();
 
-  // All outputs are asked for before the first is read: an engine that has to know beforehand what to
-  // keep of a run then runs once more for those that are new to it, not once for each of them.
+  // All outputs are asked for before the first is read: an engine that has to know beforehand what
+  // to keep of a run then runs once more for those that are new to it, not once for each of them.
   std::vector<cv::dnn::Blob> outs;
   outs.reserve(config_.output_names.size());
   for (const std::string& name : config_.output_names) {

@@ -77,53 +77,6 @@ CaffeModel MakeCaffeModel(const std::string& prototxt, const std::vector<CaffeBl
   return {prototxt, weights->SerializeAsString(), net->SerializeAsString()};
 }
 
-CaffeModel NewFormModel() {
-  return MakeCaffeModel(
-      R"(name: "new" force_backward: false state { phase: TEST stage: "deploy" }
-      layer { name: "data" type: "Input" top: "data" input_param {
-        shape { dim: 1 dim: 3 dim: 8 dim: 8 } } }
-      layer { name: "conv" type: "Convolution" bottom: "data" top: "conv" phase: TEST
-        param { lr_mult: 1 decay_mult: 0.5 } param { name: "b" lr_mult: 2 }
-        include { phase: TEST } propagate_down: true
-        convolution_param { num_output: 6 kernel_size: 3 pad: 1 stride: 2 group: 3 dilation: 1
-          engine: CAFFE weight_filler { type: "xavier" std: 0.01 variance_norm: FAN_IN } } }
-      layer { name: "bn" type: "BatchNorm" bottom: "conv" top: "bn"
-        batch_norm_param { eps: 0.12345679 use_global_stats: true } }
-      layer { name: "scale" type: "Scale" bottom: "bn" top: "bn" scale_param { bias_term: true } }
-      layer { name: "relu" type: "ReLU" bottom: "bn" top: "bn"
-        relu_param { negative_slope: 0.33333334 } }
-      layer { name: "up" type: "Deconvolution" bottom: "bn" top: "up"
-        convolution_param { num_output: 4 kernel_h: 2 kernel_w: 3 stride: 2 bias_term: false } }
-      layer { name: "pool" type: "Pooling" bottom: "up" top: "pool"
-        pooling_param { pool: AVE kernel_size: 3 stride: 2 } }
-      layer { name: "ip" type: "InnerProduct" bottom: "pool" top: "ip" loss_weight: 0
-        inner_product_param { num_output: 5 } }
-      layer { name: "prob" type: "Softmax" bottom: "ip" top: "prob" softmax_param { axis: -1 } })",
-      {{"conv", {6, 1, 3, 3}},
-       {"conv", {6}},
-       {"bn", {6}},
-       {"bn", {6}, 0.1F, 2},
-       {"bn", {1}, 1, 2},
-       {"scale", {6}},
-       {"scale", {6}},
-       {"up", {6, 4, 2, 3}},
-       {"ip", {5, 64}},
-       {"ip", {5}}});
-}
-
-CaffeModel OldFormModel() {
-  return MakeCaffeModel(
-      R"(name: "old" input: "data" input_dim: 1 input_dim: 3 input_dim: 8 input_dim: 8
-      layers { name: "conv" type: CONVOLUTION bottom: "data" top: "conv" blobs_lr: 1 blobs_lr: 2
-        weight_decay: 1 convolution_param { num_output: 4 kernel_size: 3 pad: 1 group: 1 } }
-      layers { name: "pool" type: POOLING bottom: "conv" top: "pool"
-        pooling_param { pool: MAX kernel_size: 3 stride: 2 } }
-      layers { name: "ip" type: INNER_PRODUCT bottom: "pool" top: "ip"
-        inner_product_param { num_output: 5 } }
-      layers { name: "prob" type: SOFTMAX bottom: "ip" top: "prob" })",
-      {{"conv", {4, 3, 3, 3}}, {"conv", {4}}, {"ip", {5, 64}}, {"ip", {5}}});
-}
-
 std::string WriteFile(const std::string& name, const std::string& bytes) {
   const std::string path =
       std::filesystem::temp_directory_path() / (std::to_string(getpid()) + "-" + name);

@@ -27,12 +27,6 @@ struct CaffeModel {
 /// not parse or lacks a blob's layer.
 CaffeModel MakeCaffeModel(const std::string& prototxt, const std::vector<CaffeBlob>& blobs);
 
-/// Small networks of one 3 x 8 x 8 input "data" and one output "prob", with parameters that matter
-/// to the output and with the fields that training leaves behind. The first is of `layer`, the
-/// second of `layers`.
-CaffeModel NewFormModel();
-CaffeModel OldFormModel();
-
 /// Writes a file in the folder for temporary files and returns its path.
 std::string WriteFile(const std::string& name, const std::string& bytes);
 
