@@ -10,7 +10,6 @@
 
 #include "caffe_format.h"
 #include "support/caffe_writer.h"
-#include "support/hostile.h"
 
 namespace velmora::plugin::network::compat {
 namespace {
@@ -219,20 +218,6 @@ TEST(CaffeModel, ARefusalSaysWhichLayerAndWhy) {
   }
 }
 // clang-format on
-
-// fuzz/caffe.cpp goes further.
-TEST(CaffeModel, FlippedBitsAreSurvived) {
-  ::cv::redirectError([](int, const char*, const char*, const char*, int, void*) { return 0; });
-  int loaded = 0;
-  for (int i = 0; i < 2000 / test::kStride; ++i) {
-    const std::string bytes = test::FlipOneBit(OneLayer(kBlob), i);
-    try {
-      loaded += (Binary(bytes).empty() ? 0 : 1) + (Pair(kPrototxt, bytes).empty() ? 0 : 1);
-    } catch (const ::cv::Exception&) {
-    }
-  }
-  EXPECT_GT(loaded, 0);
-}
 
 }  // namespace
 }  // namespace velmora::plugin::network::compat
