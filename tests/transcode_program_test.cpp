@@ -2,6 +2,8 @@
 // the test's own.
 #include <json/json.h>
 #include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -82,6 +84,25 @@ TEST_F(TranscodeProgram, RunsACommandRegistered) {
   EXPECT_EQ(Run({"run", "printf", "%s", "[a]", "--", "--b"}).output, "[a]----b");
   EXPECT_EQ(Run({"run", "--", "no-such-command"}).status, 127);
   EXPECT_EQ(Run({"run", "--", "/tmp"}).status, 126);
+  EXPECT_TRUE(List().empty());
+}
+
+TEST_F(TranscodeProgram, WhatABenchRegistersDiesWithIt) {
+  prctl(PR_SET_CHILD_SUBREAPER, 1);  // a process that nobody waits for is still one
+  const pid_t bench = fork();
+  if (bench == 0) {
+    execl(VELMORA_MODEL_PROGRAM, "velmora-model", "bench", VELMORA_SAMPLE_MODEL "/model.json",
+          "--backend", "dnn", "--transcode", "3", nullptr);
+    _exit(127);
+  }
+  while (List().empty()) {
+    ASSERT_EQ(waitpid(bench, nullptr, WNOHANG), 0);
+    usleep(100'000);
+  }
+  EXPECT_TRUE(List()[0]["hardware"].asBool());
+  kill(bench, SIGKILL);
+  while (wait(nullptr) > 0) {
+  }
   EXPECT_TRUE(List().empty());
 }
 
