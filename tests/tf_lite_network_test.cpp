@@ -5,6 +5,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <string_view>
 
 #include "by_hand_tflite.h"
 #include "support/hostile.h"
@@ -227,7 +228,11 @@ TEST_F(TfLiteNetworkTest, RunsEveryOperatorThatTheEngineRuns) {
     SCOPED_TRACE(format::EnumNameBuiltinOperator(specimen.code) +
                  testing::PrintToString(specimen.sizes) + specimen.log);
     const rlimit memory = {8UL << 30, before.rlim_max};
-    if (!test::kSanitized) setrlimit(RLIMIT_AS, &memory);  // a sanitizer reserves more than that
+    if (!test::kSanitized) {
+      setrlimit(RLIMIT_AS, &memory);
+    } else if (std::string_view(specimen.log).starts_with("there is no memory")) {
+      continue;  // a sanitizer reserves more than that, and the row would take 8 GB
+    }
     Expect(specimen.error, specimen.log, ModelOf(specimen), specimen.width);
     setrlimit(RLIMIT_AS, &before);
   }
