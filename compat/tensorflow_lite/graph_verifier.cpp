@@ -266,8 +266,8 @@ class Step {
     }
     std::int64_t elements = std::count(shape.begin(), shape.end(), 0) == 0 ? 1 : 0;
     for (const std::int64_t size : shape) {
-      if (size <= INT32_MAX) {
-        elements *= size == kUnknown ? 1 : size;
+      if (size >= 0 && size <= INT32_MAX) {  // one below 0 is open, or the engine refuses it
+        elements *= size;
       }
       if (size > INT32_MAX || elements > INT32_MAX) {
         return fmt::format("its output of {} has more than {} elements", fmt::join(shape, " x "),
