@@ -82,6 +82,10 @@ size_t Blob::Pass::IndexOf(const String& layer) {
 void Blob::Pass::Run() {
   if (layers.empty()) {
     layers = EndsOf(net);
+#if CV_VERSION_MAJOR == 4 && CV_VERSION_MINOR > 6
+    // 4.10 keeps what it has once fused into a convolution, also when that is asked for later.
+    net.enableFusion(false);
+#endif
   }
   net.forward(outputs, layers);
 }
