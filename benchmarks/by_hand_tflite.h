@@ -22,6 +22,7 @@ class ByHand {
       : model_(TfLiteModelCreateFromFileWithErrorReporter((name + ".tflite").c_str(), Ignore,
                                                           nullptr)) {
     TfLiteInterpreterOptions* const options = TfLiteInterpreterOptionsCreate();
+    TfLiteInterpreterOptionsAddDelegate(options, delegate_);
     interpreter_ = TfLiteInterpreterCreate(model_, options);
     TfLiteInterpreterOptionsDelete(options);
     TfLiteInterpreterAllocateTensors(interpreter_);
@@ -30,6 +31,7 @@ class ByHand {
   ByHand& operator=(const ByHand&) = delete;
   ~ByHand() {
     TfLiteInterpreterDelete(interpreter_);
+    TfLiteXNNPackDelegateDelete(delegate_);
     TfLiteModelDelete(model_);
   }
 
@@ -46,5 +48,6 @@ class ByHand {
 
  private:
   TfLiteModel* model_;
+  TfLiteDelegate* delegate_ = TfLiteXNNPackDelegateCreate(nullptr);
   TfLiteInterpreter* interpreter_;
 };

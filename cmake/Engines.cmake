@@ -57,16 +57,27 @@ if(VELMORA_TENSORFLOW_LITE)
     message(FATAL_ERROR "TensorFlow Lite was not found: run scripts/setup, or install its headers "
       "and library, or build without it (-DVELMORA_TENSORFLOW_LITE=OFF)")
   endif()
-  # Asked of the library: nothing beside it tells.
+  # Asked of the library: nothing beside it tells. What the bridge uses must be there, too; the library
+  # may be another one than that of scripts/setup, which has XNNPACK.
+  set(used "")
+  if(VELMORA_TENSORFLOW_LITE_BRIDGE STREQUAL "bridge")
+    set(used "#include \"${PROJECT_SOURCE_DIR}/compat/tensorflow_lite/c_api.h\"
+      auto* add = TfLiteInterpreterOptionsAddDelegate;
+      auto* create = TfLiteXNNPackDelegateCreate;
+      auto* destroy = TfLiteXNNPackDelegateDelete;
+      auto* mute = tflite::LoggerOptions::SetMinimumLogSeverity;\n")
+  endif()
   file(WRITE ${CMAKE_BINARY_DIR}/version/tensorflow_lite.cpp
-    "#include <cstdio>\nextern \"C\" const char* TfLiteVersion();\n"
+    "#include <cstdio>\n${used}extern \"C\" const char* TfLiteVersion();\n"
     "int main() { std::fputs(TfLiteVersion(), stdout); }\n")
   unset(ran CACHE)
   unset(compiled CACHE)
   try_run(ran compiled ${CMAKE_BINARY_DIR}/version ${CMAKE_BINARY_DIR}/version/tensorflow_lite.cpp
-    LINK_LIBRARIES velmora-tensorflow-lite RUN_OUTPUT_VARIABLE TensorFlowLite_VERSION)
+    LINK_LIBRARIES velmora-tensorflow-lite COMPILE_OUTPUT_VARIABLE errors
+    RUN_OUTPUT_VARIABLE TensorFlowLite_VERSION)
   if(NOT compiled)
-    message(FATAL_ERROR "Nothing can be linked with ${TensorFlowLite_LIBRARY} ${TensorFlowLite_C_LIBRARY}")
+    message(FATAL_ERROR "${TensorFlowLite_LIBRARY} ${TensorFlowLite_C_LIBRARY} lacks what is used of "
+      "TensorFlow Lite:\n${errors}")
   endif()
   message(STATUS "TensorFlow Lite ${TensorFlowLite_VERSION}: C++ API ${VELMORA_TENSORFLOW_LITE_BRIDGE}")
 endif()

@@ -121,7 +121,10 @@ TEST_F(TfLiteNetworkTest, TellsWhichFileIsNoModel) {
     ExpectReport(log);
   }
   Write(Double({1, 1, 1, 5}, {1, 5}));
+  testing::internal::CaptureStderr();  // where the engine announces the first use of XNNPACK
   TfLiteNetwork(File("link")).WaitOutput();
+  const std::string printed = testing::internal::GetCapturedStderr();
+  EXPECT_EQ("", VELMORA_TENSORFLOW_LITE_IS_BRIDGE ? printed : "");
   EXPECT_EQ("[TfLiteNetwork] Init network\n", Log());
 }
 

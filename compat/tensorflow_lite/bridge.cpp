@@ -81,8 +81,21 @@ struct Delete {
   void operator()(TfLiteInterpreterOptions* options) const {
     TfLiteInterpreterOptionsDelete(options);
   }
+  void operator()(TfLiteDelegate* delegate) const { TfLiteXNNPackDelegateDelete(delegate); }
   void operator()(TfLiteInterpreter* interpreter) const { TfLiteInterpreterDelete(interpreter); }
 };
+
+/// The delegate that BuiltinOpResolver brings along in the C++ API, with its defaults.
+std::unique_ptr<TfLiteDelegate, Delete> MakeDelegate() {
+  // The first one that is made is announced on standard error, which is not a library's to use.
+  [[maybe_unused]] static const bool announced = [] {
+    const int before = ::tflite::LoggerOptions::SetMinimumLogSeverity(2);
+    TfLiteXNNPackDelegateDelete(TfLiteXNNPackDelegateCreate(nullptr));
+    ::tflite::LoggerOptions::SetMinimumLogSeverity(before);
+    return true;
+  }();
+  return std::unique_ptr<TfLiteDelegate, Delete>(TfLiteXNNPackDelegateCreate(nullptr));
+}
 
 }  // namespace
 
@@ -130,7 +143,40 @@ std::unique_ptr<FlatBufferModel> FlatBufferModel::VerifyAndBuildFromFile(
 }
 
 struct Interpreter::Impl {
-  std::unique_ptr<TfLiteInterpreter, Delete> interpreter;
+  const TfLiteModel* model;
+  ErrorReporter* reporter;
+  std::unique_ptr<TfLiteDelegate, Delete> delegate;
+  std::unique_ptr<TfLiteInterpreter, Delete> interpreter;  // uses the delegate, and so goes first
+  bool is_trying = false;  // whether the delegate takes the graph; what is in its way is no error
+
+  bool Build() {
+    const std::unique_ptr<TfLiteInterpreterOptions, Delete> options(
+        TfLiteInterpreterOptionsCreate());
+    TfLiteInterpreterOptionsSetErrorReporter(
+        options.get(),
+        [](void* self, const char* format, va_list arguments) {
+          if (!static_cast<Impl*>(self)->is_trying) {
+            Report(static_cast<Impl*>(self)->reporter, format, arguments);
+          }
+        },
+        this);
+    is_trying = delegate != nullptr;
+    if (is_trying) {
+      TfLiteInterpreterOptionsAddDelegate(options.get(), delegate.get());
+    }
+    interpreter.reset(TfLiteInterpreterCreate(model, options.get()));
+    return interpreter != nullptr;
+  }
+
+  /// Builds it anew, as the delegate did not let it be; false also when it had none.
+  bool BuildWithoutDelegate() {
+    if (!delegate) {
+      return false;
+    }
+    interpreter.reset();
+    delegate.reset();
+    return Build();
+  }
 };
 
 Interpreter::Interpreter(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {
@@ -147,7 +193,12 @@ Interpreter::Interpreter(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {
 Interpreter::~Interpreter() = default;
 
 TfLiteStatus Interpreter::AllocateTensors() {
-  return static_cast<TfLiteStatus>(TfLiteInterpreterAllocateTensors(impl_->interpreter.get()));
+  int status = TfLiteInterpreterAllocateTensors(impl_->interpreter.get());
+  if (status != kTfLiteOk && impl_->BuildWithoutDelegate()) {
+    status = TfLiteInterpreterAllocateTensors(impl_->interpreter.get());
+  }
+  impl_->is_trying = false;
+  return static_cast<TfLiteStatus>(status);
 }
 
 TfLiteStatus Interpreter::Invoke() {
@@ -181,16 +232,12 @@ InterpreterBuilder::InterpreterBuilder(const FlatBufferModel& model, const OpRes
 
 TfLiteStatus InterpreterBuilder::operator()(std::unique_ptr<Interpreter>* interpreter) {
   const auto& [file, model, reporter] = model_.impl();
-  const std::unique_ptr<TfLiteInterpreterOptions, Delete> options(TfLiteInterpreterOptionsCreate());
-  TfLiteInterpreterOptionsSetErrorReporter(options.get(), Report, reporter);
-  std::unique_ptr<TfLiteInterpreter, Delete> built(
-      TfLiteInterpreterCreate(model.get(), options.get()));
-  if (!built) {
+  auto impl = std::make_unique<Interpreter::Impl>(model.get(), reporter, MakeDelegate());
+  if (!impl->Build() && !impl->BuildWithoutDelegate()) {
     interpreter->reset();
     return static_cast<TfLiteStatus>(1);
   }
-  *interpreter = std::make_unique<Interpreter>(
-      std::make_unique<Interpreter::Impl>(Interpreter::Impl{std::move(built)}));
+  *interpreter = std::make_unique<Interpreter>(std::move(impl));
   return kTfLiteOk;
 }
 

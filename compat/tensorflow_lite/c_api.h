@@ -11,6 +11,7 @@ struct TfLiteModel;
 struct TfLiteInterpreterOptions;
 struct TfLiteInterpreter;
 struct TfLiteTensor;
+struct TfLiteDelegate;
 using TfLiteReport = void (*)(void* user_data, const char* format, va_list arguments);
 /// Null for what the engine's verifier refuses. The data is not copied.
 TfLiteModel* TfLiteModelCreateWithErrorReporter(const void* data, std::size_t size,
@@ -20,6 +21,12 @@ TfLiteInterpreterOptions* TfLiteInterpreterOptionsCreate();
 void TfLiteInterpreterOptionsDelete(TfLiteInterpreterOptions* options);
 void TfLiteInterpreterOptionsSetErrorReporter(TfLiteInterpreterOptions* options,
                                               TfLiteReport report, void* user_data);
+/// The delegate stays the caller's, and outlives every interpreter that is made with the options.
+void TfLiteInterpreterOptionsAddDelegate(TfLiteInterpreterOptions* options,
+                                         TfLiteDelegate* delegate);
+/// XNNPACK; null options are the defaults, among them one thread.
+TfLiteDelegate* TfLiteXNNPackDelegateCreate(const void* options);
+void TfLiteXNNPackDelegateDelete(TfLiteDelegate* delegate);
 TfLiteInterpreter* TfLiteInterpreterCreate(const TfLiteModel* model,
                                            const TfLiteInterpreterOptions* options);
 void TfLiteInterpreterDelete(TfLiteInterpreter* interpreter);
@@ -36,3 +43,13 @@ std::int32_t TfLiteTensorDim(const TfLiteTensor* tensor, std::int32_t index);
 std::size_t TfLiteTensorByteSize(const TfLiteTensor* tensor);
 void* TfLiteTensorData(const TfLiteTensor* tensor);
 }
+
+namespace tflite {
+/// How much the engine writes to standard error by itself, without a reporter: of C++ all the same,
+/// because the C API has nothing for it. 1 is information, which is the default, and 2 warnings.
+class LoggerOptions {
+ public:
+  static int SetMinimumLogSeverity(int severity) asm(
+      "_ZN6tflite13LoggerOptions21SetMinimumLogSeverityENS_11LogSeverityE");
+};
+}  // namespace tflite
