@@ -6,19 +6,26 @@
 #include <unordered_map>
 #include <vector>
 
-/// The network of NAME.prototxt and NAME.caffemodel.
+#include "side.h"
+
 class ByHand {
  public:
-  explicit ByHand(const std::string& name)
-      : net_(cv::dnn::readNetFromCaffe(name + ".prototxt", name + ".caffemodel")) {}
+  explicit ByHand(const Task& task)
+      : net_(cv::dnn::readNetFromCaffe(std::string(task.name) + ".prototxt",
+                                       std::string(task.name) + ".caffemodel")) {}
 
-  std::unordered_map<std::string, std::vector<float>> Forward(const cv::Mat& image) {
-    net_.setInput(cv::dnn::blobFromImage(image), "data");
-    const std::vector<cv::String> names = {"prob"};
-    std::vector<cv::Mat> outputs;
-    net_.forward(outputs, names);
-    const auto* const values = outputs[0].ptr<float>();
-    return {{"prob", std::vector<float>(values, values + outputs[0].total())}};
+  std::vector<std::unordered_map<std::string, std::vector<float>>> Forward(
+      const std::vector<cv::Mat>& images) {
+    std::vector<std::unordered_map<std::string, std::vector<float>>> results;
+    for (const cv::Mat& image : images) {
+      net_.setInput(cv::dnn::blobFromImage(image), "data");
+      const std::vector<cv::String> names = {"prob"};
+      std::vector<cv::Mat> outputs;
+      net_.forward(outputs, names);
+      const auto* const values = outputs[0].ptr<float>();
+      results.push_back({{"prob", std::vector<float>(values, values + outputs[0].total())}});
+    }
+    return results;
   }
 
  private:

@@ -7,18 +7,21 @@
 #include <unordered_map>
 #include <vector>
 
-/// The network of NAME.xml and NAME.bin, told the same as the library tells it.
+#include "side.h"
+
+/// Told the same as the library tells the engine.
 class ByHand {
  public:
   using Output = std::unordered_map<std::string, std::vector<float>>;
 
-  explicit ByHand(const std::string& name, const std::string& device = "CPU",
-                  std::size_t batch = 1) {
+  explicit ByHand(const Task& task) {
+    const std::string name = task.name;
+    const std::string device = task.device;
     ov::Core core;
     core.set_property(ov::cache_dir("/var/packages/Velmora/target/models/openvino_cache"));
     const auto model = core.read_model(name + ".xml", name + ".bin");
     ov::Shape shape = model->input().get_shape();
-    shape[0] = batch;
+    shape[0] = static_cast<std::size_t>(task.batch);
     model->reshape(ov::PartialShape(shape));
     ov::AnyMap properties;
     if (device == "CPU") {
@@ -39,7 +42,7 @@ class ByHand {
       cv::split(images[n], planes);
     }
     request_.infer();
-    const ov::Tensor output = request_.get_output_tensor();
+    const ov::Tensor output = request_.get_tensor("prob");
     const std::size_t count = output.get_size() / images.size();
     std::vector<Output> results(images.size());
     for (std::size_t n = 0; n < images.size(); ++n) {

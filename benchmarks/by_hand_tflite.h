@@ -7,6 +7,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "side.h"
 #include "tensorflow_lite/c_api.h"
 
 extern "C" TfLiteModel* TfLiteModelCreateFromFileWithErrorReporter(const char* path,
@@ -15,12 +16,11 @@ extern "C" TfLiteModel* TfLiteModelCreateFromFileWithErrorReporter(const char* p
 
 inline void Ignore(void* /*user_data*/, const char* /*format*/, va_list /*arguments*/) {}
 
-/// The network of NAME.tflite.
 class ByHand {
  public:
-  explicit ByHand(const std::string& name)
-      : model_(TfLiteModelCreateFromFileWithErrorReporter((name + ".tflite").c_str(), Ignore,
-                                                          nullptr)) {
+  explicit ByHand(const Task& task)
+      : model_(TfLiteModelCreateFromFileWithErrorReporter(
+            (std::string(task.name) + ".tflite").c_str(), Ignore, nullptr)) {
     TfLiteInterpreterOptions* const options = TfLiteInterpreterOptionsCreate();
     TfLiteInterpreterOptionsAddDelegate(options, delegate_);
     interpreter_ = TfLiteInterpreterCreate(model_, options);
@@ -35,7 +35,17 @@ class ByHand {
     TfLiteModelDelete(model_);
   }
 
-  std::unordered_map<std::string, std::vector<float>> Forward(const cv::Mat& image) {
+  std::vector<std::unordered_map<std::string, std::vector<float>>> Forward(
+      const std::vector<cv::Mat>& images) {
+    std::vector<std::unordered_map<std::string, std::vector<float>>> results;
+    for (const cv::Mat& image : images) {
+      results.push_back({{"output", Run(image)}});
+    }
+    return results;
+  }
+
+ private:
+  std::vector<float> Run(const cv::Mat& image) {
     TfLiteTensor* const input = TfLiteInterpreterGetTensor(
         interpreter_, TfLiteInterpreterInputTensorIndices(interpreter_)[0]);
     std::memcpy(TfLiteTensorData(input), image.data, TfLiteTensorByteSize(input));
@@ -43,10 +53,9 @@ class ByHand {
     const TfLiteTensor* const output = TfLiteInterpreterGetTensor(
         interpreter_, TfLiteInterpreterOutputTensorIndices(interpreter_)[0]);
     const auto* const values = static_cast<const float*>(TfLiteTensorData(output));
-    return {{"output", std::vector<float>(values, values + TfLiteTensorDim(output, 1))}};
+    return {values, values + TfLiteTensorDim(output, 1)};
   }
 
- private:
   TfLiteModel* model_;
   TfLiteDelegate* delegate_ = TfLiteXNNPackDelegateCreate(nullptr);
   TfLiteInterpreter* interpreter_;

@@ -1,8 +1,6 @@
 // Times several ways to do the same work, in turn.
 #pragma once
 
-#include <benchmark/benchmark.h>
-
 #include <algorithm>
 #include <chrono>
 #include <functional>
@@ -42,17 +40,3 @@ class Interleaved {
   std::size_t round_ = 0;
   std::vector<std::vector<double>> seconds_;
 };
-
-/// The loop of a benchmark in which the library does what `by_hand` does, too; `ratio` is the
-/// library's median time over the other.
-inline void AgainstByHand(benchmark::State& state, const std::function<void()>& library,
-                          const std::function<void()>& by_hand) {
-  Interleaved times(2);
-  for (auto _ : state) {
-    times.Run({library, by_hand});
-    state.SetIterationTime(times.LastSeconds(0));
-  }
-  state.counters["library_ms"] = times.Median(0) * 1e3;
-  state.counters["by_hand_ms"] = times.Median(1) * 1e3;
-  state.counters["ratio"] = times.Median(0) / times.Median(1);
-}

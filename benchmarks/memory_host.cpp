@@ -15,7 +15,7 @@
 #include <sstream>
 #include <string>
 
-#include "memory_module.h"
+#include "side.h"
 
 namespace {
 
@@ -91,8 +91,8 @@ int main(int argc, char** argv) {
   if (load == nullptr) {
     return Fail(dlerror());
   }
-  Loaded* network = nullptr;
-  Step("create", [&] { network = load(argv[2]); });
+  Side* network = nullptr;
+  Step("create", [&] { network = load({argv[2], 224, 224, 1, "CPU"}); });
   if (network == nullptr) {
     return 1;
   }

@@ -68,7 +68,7 @@ class TfLiteNetworkTest : public testing::Test {
     const cv::Mat image = Ramp(1, width, 1, 1);
     EXPECT_EQ(error, ErrorOf([&] {
                 const OutputMap output = TfLiteNetwork(config).Forward(image);
-                EXPECT_EQ(ByHand("model").Forward(image), output);
+                EXPECT_EQ(ByHand({"model", 0, 0, 1, "CPU"}).Forward({image})[0], output);
               }));
     ExpectReport(report);
   }
