@@ -11,21 +11,24 @@ import argparse
 import json
 import os
 import re
+import sys
 from pathlib import Path
 
 os.environ.setdefault("TF_CPP_MIN_LOG_LEVEL", "2")  # read when tensorflow is imported
 
 import cv2
 import numpy as np
-import openvino as ov
 import tensorflow as tf
-from google.protobuf import descriptor_pb2, descriptor_pool, message_factory, text_format
-from openvino import opset7 as op  # the newest of 2021.4
+from google.protobuf import text_format
 from sklearn.datasets import load_digits
 from sklearn.model_selection import train_test_split
 from tensorflow.lite.tools import flatbuffer_utils
 
 HERE = Path(__file__).resolve().parent
+sys.path.insert(0, str(HERE.parent))
+import forms
+
+STEM, OUTPUTS = HERE / "digits", ["prob", "features"]
 SEED = 20
 UNSEEN = 600  # source digits kept out of training; each gives one unseen image
 COMMITTED = 160  # the first so many unseen images are kept as PNG files
@@ -127,43 +130,7 @@ def read_images():
 
 # ---- network -----------------------------------------------------------------------------------
 
-# The messages of Caffe's format, as far as this network uses them: name, number and type of the
-# fields, "*" for repeated, "#" for repeated and packed.
-CAFFE_MESSAGES = {
-    "BlobShape": "dim 1 int64#",
-    "BlobProto": "data 5 float#, shape 7 BlobShape",
-    "InputParameter": "shape 1 BlobShape*",
-    "ConvolutionParameter": "num_output 1 uint32, pad 3 uint32*, kernel_size 4 uint32*, "
-                            "group 5 uint32, stride 6 uint32*",
-    "InnerProductParameter": "num_output 1 uint32",
-    "LayerParameter": "name 1 string, type 2 string, bottom 3 string*, top 4 string*, "
-                      "blobs 7 BlobProto*, convolution_param 106 ConvolutionParameter, "
-                      "inner_product_param 117 InnerProductParameter, "
-                      "input_param 143 InputParameter",
-    "NetParameter": "name 1 string, layer 100 LayerParameter*",
-}
-
-
-def caffe_net_class():
-    file = descriptor_pb2.FileDescriptorProto(name="caffe.proto", package="caffe")
-    for message_name, fields in CAFFE_MESSAGES.items():
-        message = file.message_type.add(name=message_name)
-        for name, number, kind in (field.split() for field in fields.split(", ")):
-            field = message.field.add(name=name, number=int(number))
-            field.label = field.LABEL_REPEATED if kind[-1] in "*#" else field.LABEL_OPTIONAL
-            if kind[-1] == "#":
-                field.options.packed = True
-            kind = kind.rstrip("*#")
-            if kind in CAFFE_MESSAGES:
-                field.type_name = f".caffe.{kind}"
-            field.type = getattr(field, f"TYPE_{kind.upper()}", field.TYPE_MESSAGE)
-    pool = descriptor_pool.DescriptorPool()
-    pool.Add(file)
-    return message_factory.GetMessageClass(pool.FindMessageTypeByName("caffe.NetParameter"))
-
-
-CaffeNet = caffe_net_class()
-NETWORK = text_format.Parse((HERE / "digits.prototxt").read_text(), CaffeNet())
+NETWORK = text_format.Parse((HERE / "digits.prototxt").read_text(), forms.CaffeNet())
 LAYERS = NETWORK.layer[1:]  # without the input
 
 
@@ -221,66 +188,6 @@ def trained_weights(model):
 # ---- forms of the model ------------------------------------------------------------------------
 
 
-def write_caffe(weights):
-    bare, whole = CaffeNet(name=NETWORK.name), CaffeNet.FromString(NETWORK.SerializeToString())
-    for layer in NETWORK.layer:
-        bare.layer.add(name=layer.name, type=layer.type)
-    for file, part in (("digits.caffemodel", bare), ("digits-binary.caffemodel", whole)):
-        for message in part.layer:
-            for array in weights.get(message.name, ()):
-                message.blobs.add(data=array.ravel()).shape.dim.extend(array.shape)
-        (HERE / file).write_bytes(part.SerializeToString(deterministic=True))
-
-
-def read_caffe(file):
-    """The network in a binary Caffe file with its weights taken out of it, and those weights."""
-    net = CaffeNet.FromString((HERE / file).read_bytes())
-    weights = {}
-    for message in net.layer:
-        if message.blobs:
-            weights[message.name] = tuple(
-                np.array(blob.data, np.float32).reshape(blob.shape.dim) for blob in message.blobs)
-            message.ClearField("blobs")
-    return net, weights
-
-
-def write_openvino(weights):
-    for name, dtype in (("digits-cpu", np.float32), ("digits-gpu", np.float16)):
-        def constant(array):  # 16 bits in the file; the network computes in what its device has
-            node = op.constant(array.astype(dtype))
-            return node if dtype == np.float32 else op.convert(node, np.float32)
-
-        data = op.parameter([1, 3, HEIGHT, WIDTH], np.float32, name="data")
-        nodes = [data]
-        for layer in LAYERS:
-            x = nodes[-1]
-            w, b = weights.get(layer.name, (None, None))
-            conv = layer.convolution_param
-            if layer.type == "Convolution":
-                convolution = op.convolution
-                if conv.group > 1:
-                    convolution = op.group_convolution
-                    w = w.reshape(conv.group, -1, *w.shape[1:])
-                strides, pads = [conv.stride[0]] * 2, [conv.pad[0]] * 2
-                x = convolution(x, constant(w), strides, pads, pads, [1, 1])
-                x = op.add(x, constant(b.reshape(1, -1, 1, 1)), name=layer.name)
-            elif layer.type == "ReLU":
-                x = op.relu(x, name=layer.name)
-            elif layer.type == "InnerProduct":
-                x = op.reshape(x, np.array([0, -1]), special_zero=True)  # 0 keeps the batch size
-                x = op.matmul(x, constant(w), False, True)
-                x = op.add(x, constant(b.reshape(1, -1)), name=layer.name)
-            else:
-                x = op.softmax(x, 1, name=layer.name)
-            nodes.append(x)
-        ends = {node.friendly_name: node.output(0) for node in nodes}
-        for end in ("data", "features", "prob"):
-            ends[end].set_names({end})
-        model = ov.Model([ends["features"], ends["prob"]], [data], "digits")
-        # Version 10 is read by the engines of 2021 as well.
-        ov.serialize(model, HERE / f"{name}.xml", HERE / f"{name}.bin", version="IR_V10")
-
-
 def write_tflite(model):
     shape = tf.TensorSpec([1, HEIGHT, WIDTH, 3], tf.float32, name="data")
     network = tf.function(lambda data: model(data), input_signature=[shape])
@@ -299,35 +206,9 @@ def write_tflite(model):
 # ---- reference outputs -------------------------------------------------------------------------
 
 
-def reference_outputs(weights, x):
-    """prob and features by plain NumPy in double precision, for images in N, C, H, W order."""
-    for layer in LAYERS:
-        conv = layer.convolution_param
-        if layer.name in weights:
-            w, b = (array.astype(np.float64) for array in weights[layer.name])
-        if layer.type == "Convolution":
-            pad, stride = conv.pad[0], conv.stride[0]
-            x = np.pad(x, ((0, 0), (0, 0), (pad, pad), (pad, pad)))
-            windows = np.lib.stride_tricks.sliding_window_view(x, w.shape[2:], axis=(2, 3))
-            windows = windows[:, :, ::stride, ::stride]
-            groups = zip(np.split(windows, conv.group, axis=1), np.split(w, conv.group))
-            x = np.concatenate([np.einsum("nihwyx,oiyx->nohw", part, kernel, optimize=True)
-                                for part, kernel in groups], axis=1) + b.reshape(-1, 1, 1)
-        elif layer.type == "ReLU":
-            x = np.maximum(x, 0)
-        elif layer.type == "InnerProduct":
-            x = x.reshape(len(x), -1) @ w.T + b
-        else:
-            x = np.exp(x - x.max(axis=1, keepdims=True))
-            x /= x.sum(axis=1, keepdims=True)
-        if layer.name == "features":
-            features = x
-    return x, features
-
-
 def write_reference(weights):
     names, images, _ = read_images()
-    prob, features = reference_outputs(weights, prepare(images))
+    prob, features = forms.reference_outputs(NETWORK, weights, prepare(images), OUTPUTS)
 
     def rows(array):
         return [[float(f"{value:.9g}") for value in row] for row in array.reshape(len(array), -1)]
@@ -345,65 +226,16 @@ def write_reference(weights):
 # ---- checks ------------------------------------------------------------------------------------
 
 
-def dnn_outputs(caffemodel, x):
-    net = cv2.dnn.readNetFromCaffe(str(HERE / "digits.prototxt"), str(HERE / caffemodel))
-    prob, features = [], []
-    for image in x:
-        net.setInput(image[None], "data")
-        for found, output in zip((prob, features), net.forward(["prob", "features"])):
-            found.append(output[0].copy())
-    return np.stack(prob), np.stack(features)
-
-
-def openvino_outputs(file, x):
-    # Without the hint the CPU plugin computes in bfloat16 on processors that have it.
-    model = ov.Core().compile_model(HERE / file, "CPU", {"INFERENCE_PRECISION_HINT": "f32"})
-    results = [model(image[None]) for image in x]
-    return tuple(np.stack([r[name][0].copy() for r in results]) for name in ("prob", "features"))
-
-
-def tflite_outputs(file, x):
-    interpreter = tf.lite.Interpreter(str(HERE / file))
-    interpreter.allocate_tensors()
-    (data,), (result,) = interpreter.get_input_details(), interpreter.get_output_details()
-    assert (data["name"], data["shape"].tolist()) == ("data", [1, HEIGHT, WIDTH, 3]), data
-    assert (result["name"], result["shape"].tolist()) == ("prob", [1, 10]), result
-    prob = []
-    for image in x:
-        interpreter.set_tensor(data["index"], image.transpose(1, 2, 0)[None])
-        interpreter.invoke()
-        prob.append(interpreter.get_tensor(result["index"])[0])
-    return (np.stack(prob),)
-
-
 def check_engines(weights):
-    """Every form, run by its engine, against the reference."""
+    """The stored reference, and every form, run by its engine, against a new one."""
     _, images, labels = read_images()
     x = prepare(images)
-    reference = reference_outputs(weights, x)
+    reference = forms.reference_outputs(NETWORK, weights, x, OUTPUTS)
     stored = json.loads((HERE / "reference.json").read_text())
     assert np.allclose(stored["prob"], reference[0], rtol=1e-8, atol=0)
     features = np.reshape(stored["features"]["values"], (WITH_FEATURES, *FEATURES_SHAPE))
     assert np.allclose(features, reference[1][:WITH_FEATURES], rtol=1e-8, atol=1e-12)
-
-    description, again = read_caffe("digits-binary.caffemodel")
-    assert description == NETWORK
-    assert all(np.array_equal(a, b) for name in weights for a, b in zip(weights[name], again[name]))
-
-    x = x.astype(np.float32)
-    forms = {
-        "digits.prototxt, digits.caffemodel": dnn_outputs("digits.caffemodel", x),
-        "digits.prototxt, digits-binary.caffemodel": dnn_outputs("digits-binary.caffemodel", x),
-        "digits-cpu.xml": openvino_outputs("digits-cpu.xml", x),
-        "digits-gpu.xml, on the CPU": openvino_outputs("digits-gpu.xml", x),
-        "digits.tflite": tflite_outputs("digits.tflite", x),
-    }
-    print(f"\n{'largest difference to the reference':42} {'prob':>8} {'features':>9}  right")
-    for name, found in forms.items():
-        differences = [np.abs(a - b).max() for a, b in zip(found, reference)]
-        right = np.mean(found[0].argmax(axis=1) == labels)
-        print(f"{name:42} {' '.join(f'{d:8.1e}' for d in differences):17}  {right:6.1%}")
-        assert max(differences) < (1e-2 if "gpu" in name else 1e-5), name
+    forms.check_engines(STEM, NETWORK, x, labels, OUTPUTS, reference, tf.lite.Interpreter)
 
 
 def check_accuracy(weights, unseen, unseen_labels):
@@ -425,7 +257,7 @@ def check_accuracy(weights, unseen, unseen_labels):
     _, committed, labels = read_images()
     print(f"\n{'right answers':42} {'unseen':>8} {'committed':>9}")
     for name, how in inputs.items():
-        shares = [np.mean(reference_outputs(weights, how(x))[0].argmax(axis=1) == y)
+        shares = [np.mean(forms.reference_outputs(NETWORK, weights, how(x), OUTPUTS)[0].argmax(axis=1) == y)
                   for x, y in ((unseen, unseen_labels), (committed, labels))]
         print(f"{name:42} {shares[0]:8.1%} {shares[1]:9.1%}")
         assert min(shares) >= 0.97 if how is prepare else max(shares) < 0.7, name
@@ -442,11 +274,11 @@ def main():
         model = train(*draw_images(*seen, VARIANTS, np.random.default_rng(SEED)))
         weights = trained_weights(model)
         write_images(*(part[:COMMITTED] for part in unseen))
-        write_caffe(weights)
-        write_openvino(weights)
+        forms.write_caffe(NETWORK, weights, STEM)
+        forms.write_openvino(NETWORK, weights, STEM, OUTPUTS[::-1])
         write_tflite(model)
         write_reference(weights)
-    weights = read_caffe("digits.caffemodel")[1]
+    weights = forms.read_caffe(HERE / "digits.caffemodel")[1]
     check_engines(weights)
     check_accuracy(weights, *unseen)
     total = sum(path.stat().st_size for path in HERE.rglob("*") if path.is_file())
