@@ -196,4 +196,5 @@ def check_engines(stem, network, x, labels, outputs, reference, interpreter_clas
         right = np.mean(found[0].argmax(axis=1) == labels)
         columns = "".join(f"{difference:10.1e}" for difference in differences)
         print(f"{name:42}{columns:{10 * len(outputs)}}  {right:6.1%}")
-        assert max(differences) < (LIMIT_16_BITS if "gpu" in name else LIMIT), name
+        limit = LIMIT_16_BITS if "gpu" in name else LIMIT
+        assert max(differences) < limit, f"{name} differs by more than {limit}"

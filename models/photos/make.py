@@ -74,7 +74,8 @@ def read_tensors():
     then for each storage, in the order of the fifth, its length and its numbers."""
     data = WEIGHTS.read_bytes()
     if hashlib.sha256(data).hexdigest() != WEIGHTS_SHA256:
-        sys.exit(f"{WEIGHTS}: not the file that was published: its SHA-256 is not {WEIGHTS_SHA256}")
+        sys.exit(f"{WEIGHTS}: not the published file, whose SHA-256 is {WEIGHTS_SHA256}; "
+                 f"remove {Path(sys.prefix).parent} and try again")
     with open(WEIGHTS, "rb") as file:
         *_, tensors, keys = [TensorReader(file).load() for _ in range(5)]
         types = {storage[2]: np.dtype(storage[1]) for storage, *_ in tensors.values()}
@@ -184,7 +185,8 @@ def write_tflite(network, weights, stem):
         indices[layer.name], shapes[layer.name] = add_tensor(layer.name, shape), shape
         graph.operators.append(make(
             "Operator", opcodeIndex=codes.index(code), inputs=inputs, outputs=[indices[layer.name]],
-            builtinOptionsType=getattr(schema.BuiltinOptions, options), builtinOptions=make(options, **fields)))
+            builtinOptionsType=getattr(schema.BuiltinOptions, options),
+            builtinOptions=make(options, **fields)))
 
     _, channels, height, width = network.layer[0].input_param.shape[0].dim
     shapes["data"] = [1, height, width, channels]
@@ -209,8 +211,9 @@ def write_tflite(network, weights, stem):
         elif layer.type == "Eltwise":
             add_operator(layer, "ADD", before, "AddOptions")
         elif layer.type == "Pooling":
-            add_operator(layer, "AVERAGE_POOL_2D", [1, 1, 1, before[3]], "Pool2DOptions", strideH=1, strideW=1,
-                         padding=schema.Padding.VALID, filterHeight=before[1], filterWidth=before[2])
+            add_operator(layer, "AVERAGE_POOL_2D", [1, 1, 1, before[3]], "Pool2DOptions",
+                         padding=schema.Padding.VALID, strideH=1, strideW=1,
+                         filterHeight=before[1], filterWidth=before[2])
         elif layer.type == "InnerProduct":
             add_operator(layer, "FULLY_CONNECTED", [1, len(b)], "FullyConnectedOptions", [w, b])
         else:
@@ -263,7 +266,8 @@ def check(labels, folder):
     for (name, (label, expected)), prob in zip(EXPECTED.items(), reference[0]):
         best = prob.argmax()
         print(f"{name}: {labels[best]} {prob[best]:.6f}")
-        assert labels[best] == label and abs(prob[best] - expected) < 0.001, name
+        if labels[best] != label or abs(prob[best] - expected) > 0.001:
+            sys.exit(f"{folder / 'images' / name}: expected was {label} {expected}")
     right = [labels.index(label) for label, _ in EXPECTED.values()]
     forms.check_engines(folder / "photos", network, x, right, ["prob"], reference, Interpreter)
 

@@ -17,8 +17,11 @@ import cv2
 import numpy as np
 import openvino as ov
 from ai_edge_litert.interpreter import Interpreter
-from google.protobuf import descriptor_pb2, descriptor_pool, message_factory, text_format
+from google.protobuf import text_format
 from openvino.preprocess import PrePostProcessor
+
+sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "models"))
+from forms import CaffeNet
 
 FORWARD, FOLDER = Path(sys.argv[1]).resolve(), Path(sys.argv[2]).resolve()
 SITE = Path(sysconfig.get_paths()["purelib"])
@@ -92,13 +95,8 @@ def load_openvino(path, size):
 
 def join(prototxt, weights, path):
     """Makes one file of a pair."""
-    subprocess.run(["protoc", "--proto_path=compat/opencv", f"--descriptor_set_out={FOLDER}/format",
-                    "caffe_format.proto"], check=True)
-    pool = descriptor_pool.DescriptorPool()
-    pool.Add(descriptor_pb2.FileDescriptorSet.FromString((FOLDER / "format").read_bytes()).file[0])
-    Net = message_factory.GetMessageClass(pool.FindMessageTypeByName("velmora.caffe.NetParameter"))
-    net = text_format.Parse(Path(prototxt).read_text(), Net())
-    trained = {layer.name: layer.blobs for layer in Net.FromString(Path(weights).read_bytes()).layer}
+    net = text_format.Parse(Path(prototxt).read_text(), CaffeNet())
+    trained = {layer.name: layer.blobs for layer in CaffeNet.FromString(Path(weights).read_bytes()).layer}
     for layer in net.layer:
         layer.blobs.extend(trained.get(layer.name, []))
     path.write_bytes(net.SerializeToString())
