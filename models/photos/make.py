@@ -10,6 +10,7 @@ OpenVINO. Nothing of PyTorch is needed, and nothing in the file of the weights i
 
 import argparse
 import hashlib
+import io
 import json
 import pickle
 import shutil
@@ -39,10 +40,7 @@ SIZE, MEAN, SCALE = 224, 127, 1 / 128
 EXPECTED = {"camera.png": ("tripod", 0.954), "chelsea.png": ("Egyptian cat", 0.781),
             "coffee.png": ("espresso", 0.905)}
 
-# Of each stage: blocks, size of the kernel, stride of the first block, channels within a block for each
-# channel before it, channels.
-STAGES = [(1, 3, 1, 1, 16), (2, 3, 2, 6, 24), (2, 5, 2, 6, 40), (3, 3, 2, 6, 80), (3, 5, 1, 6, 112),
-          (4, 5, 2, 6, 192), (1, 3, 1, 6, 320)]
+STAGES = [(1, 1), (2, 2), (2, 2), (3, 2), (3, 1), (4, 2), (1, 1)]  # blocks, stride of the first of them
 EPSILON = 1e-3  # of the batch normalisation
 
 
@@ -76,14 +74,13 @@ def read_tensors():
     if hashlib.sha256(data).hexdigest() != WEIGHTS_SHA256:
         sys.exit(f"{WEIGHTS}: not the published file, whose SHA-256 is {WEIGHTS_SHA256}; "
                  f"remove {Path(sys.prefix).parent} and try again")
-    with open(WEIGHTS, "rb") as file:
-        *_, tensors, keys = [TensorReader(file).load() for _ in range(5)]
-        types = {storage[2]: np.dtype(storage[1]) for storage, *_ in tensors.values()}
-        storages = {}
-        for key in keys:
-            count = int(np.frombuffer(file.read(8), "<i8")[0])
-            storages[key] = np.frombuffer(file.read(count * types[key].itemsize), types[key])
-    arrays = {}
+    file = io.BytesIO(data)
+    *_, tensors, keys = [TensorReader(file).load() for _ in range(5)]
+    types = {storage[2]: np.dtype(storage[1]) for storage, *_ in tensors.values()}
+    storages, arrays = {}, {}
+    for key in keys:
+        count = int.from_bytes(file.read(8), "little")
+        storages[key] = np.frombuffer(file.read(count * types[key].itemsize), types[key])
     for name, (storage, offset, shape, strides) in tensors.items():
         values = storages[storage[2]][offset:]
         strides = [stride * values.itemsize for stride in strides]
@@ -101,7 +98,7 @@ def build_network(tensors):
     def add(kind, name, *bottoms):
         return network.layer.add(name=name, type=kind, bottom=bottoms, top=[name])
 
-    def convolve(name, x, source, norm, stride=1, depthwise=False, active=True):
+    def convolve(name, x, source, norm, stride=1, active=True):
         """A convolution with its normalisation; returns the name of its output."""
         w = tensors[f"{source}.weight"].astype(np.float64)
         gamma, beta, mean, variance = (tensors[f"{norm}.{part}"].astype(np.float64) for part in (
@@ -109,7 +106,7 @@ def build_network(tensors):
         factor = gamma / np.sqrt(variance + EPSILON)
         weights[name] = [w * factor.reshape(-1, 1, 1, 1), beta - mean * factor]
         conv = add("Convolution", name, x).convolution_param
-        conv.num_output, conv.group = len(w), len(w) if depthwise else 1
+        conv.num_output, conv.group = len(w), len(w) if w.shape[1] == 1 else 1
         conv.pad.append(w.shape[2] // 2)
         conv.stride.append(stride)
         if stride == 2:
@@ -123,13 +120,13 @@ def build_network(tensors):
     add("Input", "data").input_param.shape.add(dim=[1, 3, SIZE, SIZE])
     x = convolve("stem", "data", "_conv_stem", "_bn0", stride=2)
     number = 0
-    for stage, (blocks, _, stride, expand, _) in enumerate(STAGES, 1):
+    for stage, (blocks, stride) in enumerate(STAGES, 1):
         for block in range(1, blocks + 1):
             name, source, before = f"block{stage}_{block}", f"_blocks.{number}.", x
-            if expand > 1:
+            if f"{source}_expand_conv.weight" in tensors:
                 x = convolve(f"{name}_expand", x, f"{source}_expand_conv", f"{source}_bn0")
             x = convolve(f"{name}_depthwise", x, f"{source}_depthwise_conv", f"{source}_bn1",
-                         stride if block == 1 else 1, depthwise=True)
+                         stride if block == 1 else 1)
             x = convolve(f"{name}_project", x, f"{source}_project_conv", f"{source}_bn2", active=False)
             if block > 1:
                 x = add("Eltwise", name, before, x).name
