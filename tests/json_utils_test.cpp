@@ -72,6 +72,8 @@ TEST_F(JsonUtilsTest, EveryPathAndContentHasItsOutcome) {
   };
   const Json::Value small = "x";
   const Json::Value large = std::string(50'000, 'x');
+  const std::string deep(99, '[');  // one level less than may be
+  const std::string end(99, ']');
   const struct {
     const char* path;
     std::string text;  // written there first, unless it is empty
@@ -80,15 +82,16 @@ TEST_F(JsonUtilsTest, EveryPathAndContentHasItsOutcome) {
     std::function<void()> before;
   } cases[] = {
       {"./1", "{\"a\": [1, 2.5, \"x\"]} // why\n", large, " r+ R+ w+= W+= l+", nothing},
-      // More brackets than JsonCpp takes, which is 1000 at most, and more than a stack does.
-      {"./2", std::string(1001, '['), small, " r-P R-P w+= W+= l+", nothing},
-      {"./3", std::string(1 << 20, '['), small, " r-P R-P w+= W+= l+", nothing},
+      {"./2", deep + "[\"\\\"[{" + deep + "\"] // [[{\n/*" + deep + "*/" + end, small,
+       " r+ R+ w+= W+= l+", nothing},
+      {"./3", deep + "[[]]" + end, small, " r-P R-P w+= W+= l+", nothing},
       {"./new", "", small, " r- R- w+= W+= l+", nothing},
       {"./missing/x", "", small, " r- R- w-F W-F l+", nothing},
       {"", "", small, " r-B R-B w-B W-B l-N", nothing},
       {"name", "{", small, " r-P R-P w+= W+= l-N", nothing},
       {"./folder", "", small, " r-P R-P w-F W-F l-", nothing},
       {"./fifo", "", small, " r- R- w-F W-F l-", nothing},
+      {"/dev/null", "", small, " r- R- w-F W-F l-", nothing},
       {"./private/y/x", "", small, " r- R- w-F W-F l-D", nothing},
       {"./readonly/file", "", small, " r+ R+ w-F W-F l+", nothing},
       {"./readonly/new", "", small, " r- R- w-F W-F l-", nothing},

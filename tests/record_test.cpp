@@ -473,6 +473,7 @@ TEST_F(RecordTest, WhatOthersPutInItsPlaceIsRefusedSeenOrFollowed) {
     std::string text;  // of the file that the record's path leads to
   } cases[] = {
       {"mkfifo enabled", 0, refused, ""},
+      {"ln -s /dev/null enabled", 0, refused, ""},
       {"rmdir ../Reelhouse; mkfifo ../Reelhouse", 0, refused, ""},
       {"chmod 700 .", service, refused, ""},
       {place_one + "600 enabled", service, refused, one},

@@ -2,15 +2,20 @@
 /// Whole JSON documents from and to files.
 ///
 /// All four functions return false for any failure and throw nothing, whatever the file holds: a
-/// document that the parser refuses or gives up on (hundreds of levels of nesting, for example)
-/// does not parse. Failures are written to syslog, except that a file that cannot be opened for
-/// reading is not. An empty path is a failure that touches no file.
+/// document that the parser refuses, or of more than 100 levels of nesting, does not parse.
+/// Failures are written to syslog, except that a file that cannot be opened for reading is not. An
+/// empty path is a failure that touches no file.
 ///
 /// `root` belongs to the caller. After a failed read it holds whatever the parser left there.
 ///
 /// The functions keep no state and may be called from any thread at once, on different `root`s.
 ///
-/// A FIFO is never opened, so that nothing here waits for a process at its other end.
+/// A FIFO, a socket or a device is not opened: nothing here waits for a process at the other end,
+/// or reads a device that does not end.
+///
+/// JsonCpp reads numbers with a fraction or an exponent, and no others, in the C++ global locale. In
+/// a process that has made it one with a decimal comma, a document with such a number does not
+/// parse, or loses the fraction. Writing does not depend on the locale.
 #pragma once
 
 #include <json/value.h>

@@ -33,8 +33,8 @@ class VELMORA_EXPORT Lock {
   /// What the constructor does, and nothing else calls: creates the directory (mode 0755, with its
   /// parents) and the lock file (mode 0644 less the umask) where they are missing, and locks the
   /// file. True when the lock is held. A path without "/" and a directory that cannot be created
-  /// are logged; a file that cannot be opened or locked is not. A FIFO in the file's place is not
-  /// waited for: it cannot be opened.
+  /// are logged; a file that cannot be opened or locked is not. A FIFO or a device in the file's
+  /// place cannot be opened.
   bool LockFile();
 
   /// True while the lock is held. The spelling stays: hosts link to this name.

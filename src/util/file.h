@@ -14,8 +14,8 @@ namespace LibReelhouse {
 
 /// open(2), with three additions. The descriptor is close-on-exec: the host starts transcoders
 /// while a lock is held, and one that inherited the descriptor would keep the lock. A signal does
-/// not make it fail. A FIFO is refused, with ENXIO, rather than waited for: it cannot hold a
-/// document. Returns -1 and errno for a failure.
+/// not make it fail. What is neither a regular file nor a folder is refused, with ENXIO: a FIFO is
+/// waited for, and some devices are read without an end. Returns -1 and errno for a failure.
 inline int OpenFile(const char* path, int flags, mode_t mode) {
   int fd = -1;
   do {
@@ -26,7 +26,7 @@ inline int OpenFile(const char* path, int flags, mode_t mode) {
     }
   } while (fd < 0 && errno == EINTR);
   struct stat status;
-  if (fd >= 0 && fstat(fd, &status) == 0 && S_ISFIFO(status.st_mode)) {
+  if (fd >= 0 && fstat(fd, &status) == 0 && !S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode)) {
     close(fd);
     errno = ENXIO;
     return -1;

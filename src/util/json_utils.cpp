@@ -3,7 +3,9 @@
 #include <reelhouse/json_utils.h>
 #include <syslog.h>
 
+#include <algorithm>
 #include <exception>
+#include <string_view>
 #include <utility>
 
 #include "util/file.h"
@@ -36,6 +38,34 @@ namespace {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 
+// JsonCpp calls itself for every level, up to 1000, which takes 350 KB of the stack; these take 50.
+constexpr int max_depth = 100;
+
+/// Whether brackets open one within another beyond `max_depth`. Those in texts and in comments do
+/// not count.
+bool IsTooDeep(std::string_view text) {
+  int depth = 0;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const std::string_view next = text.substr(i, 2);
+    if (text[i] == '[' || text[i] == '{') {
+      if (++depth > max_depth) {
+        return true;
+      }
+    } else if (text[i] == ']' || text[i] == '}') {
+      --depth;
+    } else if (text[i] == '"') {
+      for (++i; i < text.size() && text[i] != '"'; ++i) {
+        i += text[i] == '\\' ? 1 : 0;
+      }
+    } else if (next == "//") {
+      i = std::min(text.find_first_of("\r\n", i), text.size());
+    } else if (next == "/*") {
+      i = std::min(text.find("*/", i + 2), text.size() - 2) + 1;
+    }
+  }
+  return false;
+}
+
 bool ReadJsonFile(const std::string& path, Json::Value& root) {
   const FileDescriptor file(OpenFile(path.c_str(), O_RDONLY, 0));
   if (file.fd < 0) {
@@ -45,10 +75,10 @@ bool ReadJsonFile(const std::string& path, Json::Value& root) {
   try {
     std::string text;
     Json::Reader reader;
-    parsed =
-        ReadAll(file.fd, text) && reader.parse(text.data(), text.data() + text.size(), root, true);
+    parsed = ReadAll(file.fd, text) && !IsTooDeep(text) &&
+             reader.parse(text.data(), text.data() + text.size(), root, true);
   } catch (const std::exception&) {
-    // Nested too deeply, or too big for the memory: it does not parse.
+    // Too big for the memory: it does not parse.
   }
   if (!parsed) {
     syslog(LOG_ERR, "%s:%d Failed to parse json file [%s]", __FILE_NAME__, __LINE__, path.c_str());
