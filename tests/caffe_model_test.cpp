@@ -160,6 +160,15 @@ TEST(CaffeModel, ARefusalSaysWhichFileAndWhy) {
     EXPECT_EQ(0U, RefusalOfCaffeBinary(path).find(path + ": "));
     EXPECT_THAT(RefusalOfCaffeBinary(path), testing::HasSubstr(reason));
   }
+  std::string layers;
+  for (int i = 0; i < 50'000; ++i) layers += "layer{}layer<>";
+  const std::string much = "more than 16 MiB, or 100,000 layers";
+  EXPECT_THAT(RefusalOfCaffePair(WriteFile("few", layers), ""),
+              testing::Not(testing::HasSubstr(much)));
+  EXPECT_THAT(RefusalOfCaffePair(WriteFile("many", layers + "layer{}"), ""),
+              testing::HasSubstr(much));
+  EXPECT_THAT(RefusalOfCaffePair(WriteFile("long", std::string(17U << 20, '#')), ""),
+              testing::HasSubstr(much));
   EXPECT_EQ(fifo + ": not a regular file", RefusalOfCaffePair(fifo, "missing"));
   EXPECT_EQ(fifo + ": not a regular file", RefusalOfCaffePair(text, fifo));
   EXPECT_THROW(ReadCaffePair("missing", "missing"), ::cv::Exception);
@@ -205,6 +214,7 @@ TEST(CaffeModel, ARefusalSaysWhichLayerAndWhy) {
       {x + "type: 'ReLU' }", "claims more values in blob 0",  // six of them in 64 bits
        Shape({2112351278, 998034439, 35}) + BytesField(5, kFloats)},
       {"layer { name: 'x' type: 'Shift' }", "layer \"x\" (Shift) has no bottom"},
+      {"layer { name: 'x' type: 'ReshapeInt8' }", "layer \"x\" (ReshapeInt8) has no bottom"},
       {"layers { name: 'x' type: MEMORY_DATA }", "(MEMORY_DATA) reads nothing"},
       {"layer { name: 'two\\nlines' type: 'AnnotatedData' include { phase: TRAIN } }",
        "layer \"two?lines\" (AnnotatedData) reads nothing, and OpenCV has no layer of this type"},

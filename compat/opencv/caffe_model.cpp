@@ -22,6 +22,7 @@
 #include <map>
 #include <memory>
 #include <opencv2/dnn/layer.hpp>
+#include <span>
 #include <string_view>
 #include <system_error>
 #include <vector>
@@ -37,7 +38,7 @@ using WireFormat = pb::internal::WireFormatLite;
 // For a model without its values; one of a thousand layers takes 100 KB. The limits keep a hostile
 // file from being blown up in memory: an empty layer has three bytes there and a kilobyte here.
 constexpr std::size_t kMaxSkeleton = std::size_t{16} << 20;
-constexpr int kMaxMessages = 100'000;  // layers and blobs
+constexpr int kMaxMessages = 100'000;  // layers and blobs; in a text, messages of any kind
 
 class File {
  public:
@@ -311,12 +312,13 @@ std::string NameOf(const pb::Message& layer) { return TextIn(InnermostOf(layer),
 std::string TypeOf(const pb::Message& layer) { return TextIn(InnermostOf(layer), "type"); }
 
 // As the rules below spell a type: the types of the forms differ in case and in "_", and older
-// versions of OpenCV compare in small letters.
+// versions of OpenCV compare in small letters. A quantised layer is like the one that it is of.
 std::string KeyOf(const std::string& type) {
   std::string key;
   for (const char c : type) {
     if (c != '_') key += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   }
+  if (key.ends_with("int8")) key.resize(key.size() - 4);
   return key == "conv" ? "convolution" : key == "pool" ? "pooling" : key;
 }
 
@@ -583,6 +585,21 @@ std::string BadModel(const pb::Message& description, const pb::Message& weights,
   return {};
 }
 
+// As with a binary model: `layer{}` takes eight bytes there and a kilobyte here, and again in
+// OpenCV. A message begins with a bracket, of one kind or the other.
+bool IsTooMuchText(const File& file) {
+  if (static_cast<std::size_t>(file.size()) > kMaxSkeleton) return true;
+  pb::io::FileInputStream in(file.fd());
+  const void* data = nullptr;
+  int size = 0;
+  std::ptrdiff_t brackets = 0;
+  while (in.Next(&data, &size)) {
+    const std::span text(static_cast<const char*>(data), static_cast<std::size_t>(size));
+    brackets += std::ranges::count_if(text, [](char c) { return c == '{' || c == '<'; });
+  }
+  return lseek(file.fd(), 0, SEEK_SET) != 0 || brackets > kMaxMessages;
+}
+
 // Silently, and past fields that caffe_format.proto lacks: what to make of those is OpenCV's
 // affair.
 bool ParseText(const File& file, pb::Message& net) {
@@ -646,6 +663,7 @@ std::string RefusalOfCaffePair(const std::string& prototxt_path,
   const File text(prototxt_path);
   if (!text.is_open()) return {};
   if (!text.is_regular()) return prototxt_path + ": " + kNotRegular;
+  if (IsTooMuchText(text)) return prototxt_path + ": " + kTooMuch;
   if (!ParseText(text, *description)) return {};
 
   if (!caffemodel_path.empty()) {  // otherwise OpenCV makes a network without weights
