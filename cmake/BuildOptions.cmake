@@ -4,8 +4,10 @@ add_library(velmora-build-options INTERFACE)
 target_compile_features(velmora-build-options INTERFACE cxx_std_20)
 target_compile_options(velmora-build-options INTERFACE
   -Wall -Wextra -Wshadow -Wconversion -Wnon-virtual-dtor -Wold-style-cast
-  # Log lines name the source from the repository's root, wherever the build ran.
-  -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=
+  # Log lines and what a debugger reads name the source from the repository's root, wherever the build
+  # ran.
+  -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=
+  -ffile-prefix-map=${PROJECT_BINARY_DIR}=build
   $<$<BOOL:${VELMORA_WERROR}>:-Werror>)
 if(VELMORA_SANITIZE)
   # Without vptr, which opens a pipe for a look at memory and takes a failure for a finding: there are
@@ -15,3 +17,4 @@ if(VELMORA_SANITIZE)
     -fno-omit-frame-pointer)
   target_link_options(velmora-build-options INTERFACE -fsanitize=${VELMORA_SANITIZE})
 endif()
+include(cmake/Hardening.cmake)

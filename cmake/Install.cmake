@@ -84,3 +84,20 @@ foreach(package IN ITEMS
   install(FILES docs/copyright DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${name}
     COMPONENT ${component})
 endforeach()
+
+# Last, because CMake makes folders as the umask says.
+install(CODE [[
+  set(folders)
+  get_filename_component(prefix "${CMAKE_INSTALL_PREFIX}/" ABSOLUTE)
+  foreach(file IN LISTS CMAKE_INSTALL_MANIFEST_FILES)
+    get_filename_component(file "${file}" ABSOLUTE)
+    file(RELATIVE_PATH folder "${prefix}" "${file}")
+    cmake_path(GET folder PARENT_PATH folder)
+    while(NOT folder STREQUAL "")
+      list(APPEND folders "$ENV{DESTDIR}${prefix}/${folder}")
+      cmake_path(GET folder PARENT_PATH folder)
+    endwhile()
+  endforeach()
+  list(REMOVE_DUPLICATES folders)
+  execute_process(COMMAND chmod a+rX ${folders})
+]] ALL_COMPONENTS)
