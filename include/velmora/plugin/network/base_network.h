@@ -41,7 +41,8 @@ class VELMORA_EXPORT Exception {
 /// the library resizes and scales nothing.
 ///
 /// Call any number of Forward(), or pairs of ForwardAsync() and WaitOutput(), then delete the
-/// object through this class.
+/// object through this class. A child made by fork(2) may do none of this with a network of its
+/// parent's, nor end by exit(3) where that would delete one: the engine's threads are not there.
 class VELMORA_EXPORT BaseNetwork {
  public:
   /// Keeps a copy of `config` for the life of the network.
