@@ -242,9 +242,13 @@ TEST_F(TfLiteNetworkTest, RunsEveryOperatorThatTheEngineRuns) {
 }
 
 // The tensors of a graph, each of 1 x 1 x 1 x 4: the image, a constant, a variable, two without
-// values, and whole numbers.
-enum { kNone = -1, kImage, kConstant, kVariable, kFirst, kSecond, kWhole };
+// values, whole numbers, and bytes with a scale and with one of 0; and then the places 0 to 3, and
+// a size or an axis of 3.
+enum { kNone = -1, kImage, kConstant, kVariable, kFirst, kSecond, kWhole, kBytes, kZero, kPlaces };
+constexpr int kThree = kPlaces + 1;
 
+using Lrn = format::LocalResponseNormalizationOptionsT;
+constexpr Op kLrn = Op::LOCAL_RESPONSE_NORMALIZATION;
 constexpr const char* kNoImage = "Image does not fit the input tensor";
 constexpr const char* kNoOutput = "Output tensor is not readable";
 
@@ -256,13 +260,16 @@ const struct {
     Op code;
     std::vector<int> inputs;
     int output;
+    format::BuiltinOptionsUnion options = {};
   };
   std::vector<Step> steps = {};
 } kGraphs[] = {
     {"none", "", {kImage}, {kImage}},
     {"none", "", {kImage, kImage, kConstant, kNone}, {kConstant, kFirst}},
-    {"none",
-     "",
+    {"none", "", {kImage}, {kFirst}, {{Op::ADD, {0, kVariable}, kFirst}}},
+    {"none", "", {kImage}, {kFirst}, {{Op::ABS, {0}, kVariable}, {Op::ADD, {0, 2}, kFirst}}},
+    {kRefused,
+     "1 (ADD): it writes tensor 2, which was read before",
      {kImage},
      {kFirst},
      {{Op::ADD, {0, kVariable}, kFirst}, {Op::ADD, {0, kFirst}, 2}}},
@@ -280,8 +287,21 @@ const struct {
      {kImage},
      {},
      {{Op::ABS, {0}, kFirst}, {Op::NEG, {0}, kFirst}}},
-    {kRefused, "its input 1 is missing", {kImage}, {}, {{Op::RESHAPE, {kImage, kNone}, kFirst}}},
-    {kRefused, "it has no bias", {kImage}, {}, {{Op::DEPTHWISE_CONV_2D, {0, 1}, kFirst}}},
+    {kRefused, "its input 1 is missing", {kImage}, {}, {{Op::ADD, {kImage, kNone}, kFirst}}},
+    {kRefused, "it has 2 of 3 inputs", {kImage}, {}, {{Op::DEPTHWISE_CONV_2D, {0, 1}, kFirst}}},
+    {kRefused, "(ABS): one of its outputs is missing", {kImage}, {}, {{Op::ABS, {kImage}, kNone}}},
+    {kNoOutput, "", {kImage}, {kBytes}, {{Op::QUANTIZE, {kImage}, kBytes}}},
+    {kRefused, "a scale must be finite", {kImage}, {}, {{Op::QUANTIZE, {kImage}, kZero}}},
+    {kRefused, "3 must be below 3", {kImage}, {}, {{Op::SCATTER_ND, {kPlaces, 0, kThree}, kFirst}}},
+    {"none", "", {0}, {3}, {{Op::SPLIT, {kThree, 0}, 3, Options(format::SplitOptionsT{{}, 1})}}},
+    {kRefused,
+     "into 2",
+     {0},
+     {},
+     {{Op::SPLIT, {kThree, 0}, 3, Options(format::SplitOptionsT{{}, 2})}}},
+    {"none", "", {0}, {3}, {{kLrn, {0}, 3, Options(Lrn{{}, 1000000})}}},
+    {kRefused, "its radius must be 0 to", {0}, {3}, {{kLrn, {0}, 3, Options(Lrn{{}, -1})}}},
+    {kRefused, "run each other", {}, {}, {{Op::WHILE, {0}, 3, Options(format::WhileOptionsT{})}}},
 };
 
 TEST_F(TfLiteNetworkTest, LooksAtAGraphWhereItIsUsed) {
@@ -291,12 +311,21 @@ TEST_F(TfLiteNetworkTest, LooksAtAGraphWhereItIsUsed) {
     const Shape shape = {1, 1, 1, 4};
     w.Tensor(shape);
     w.Constant(shape, {1, 2, 3, 4});
-    for (int i = kVariable; i <= kWhole; ++i) {
-      w.Tensor(shape, i == kWhole ? Type::INT32 : Type::FLOAT32);
+    for (int i = kVariable; i < kPlaces; ++i) {
+      w.Tensor(shape, i < kWhole ? Type::FLOAT32 : i == kWhole ? Type::INT32 : Type::INT8);
     }
-    w.model.subgraphs[0]->tensors[kVariable]->is_variable = true;
+    const std::int32_t places[] = {0, 1, 2, 3};
+    w.Constant({4, 1}, Type::INT32, places, sizeof places);
+    w.Constant({3});
+    auto& tensors = w.model.subgraphs[0]->tensors;
+    tensors[kVariable]->is_variable = true;
+    for (const int i : {kBytes, kZero}) {
+      tensors[i]->quantization = std::make_unique<format::QuantizationParametersT>();
+      tensors[i]->quantization->scale = {i == kZero ? 0.0F : 0.5F};
+      tensors[i]->quantization->zero_point = {0};
+    }
     for (const auto& step : steps) {
-      w.Run(step.code, step.inputs, {step.output});
+      w.Run(step.code, step.inputs, {step.output}, step.options);
     }
     Expect(error, log, w.Finish(inputs, outputs), 4);
   }
