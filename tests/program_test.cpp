@@ -190,7 +190,7 @@ TEST_F(Program, BadInputIsOneLineAndTheOthersAreDone) {
       {3, {"bench", Write("a.json", "{\n \"name\": \n")}, "a.json: is not JSON: Line 3"},
       {3, load("\"mean", "\"maen"), "image.maen: unknown key"},
       {3, load("24", "\"24\""), "image.width: expected a positive integer"},
-      {3, load("24", "25"), ".json: the network does not fit"},
+      {3, load("\"prob", "\"gone"), ".json: the network does not fit"},
       {3, load("\"9\"", "\"9\", \"10\""), "has 10 values, and there are 11 labels"},
       {3, load("\"enable_dnn\": true", "\"enable_dnn\": false"), "enable_dnn"},
       {3, load("digits.caffemodel", "gone.bin"), "gone.bin: No such file"},
@@ -205,6 +205,56 @@ TEST_F(Program, BadInputIsOneLineAndTheOthersAreDone) {
     EXPECT_EQ(finished.output.find(good) != std::string::npos, status == 1) << finished.output;
   }
   EXPECT_EQ(Run({"run", kModel, good}, ErrorTo::kPipe, "/dev/full").status, 1);
+}
+
+TEST_F(Program, SaysWhichSizeTheNetworkTakes) {
+  // A network that takes images of any size, with its input in each of the ways to state it.
+  const auto caffe = [&](const std::string& input) {
+    return Changed("digits.prototxt",
+                   Write("caffe-" + std::to_string(input.size()),
+                         input + " layer { name: 'prob' type: 'Pooling' bottom: 'data' top: 'prob' "
+                                 "pooling_param { global_pooling: true } }"));
+  };
+  const std::string wide = Changed("24", "48");
+  const std::string binary =
+      Write("binary.json", R"({"network": {"output_names": ["prob"], "dnn_binary_path": ")" +
+                               (kSample / "digits-binary.caffemodel").string() +
+                               R"("}, "image": {"width": 32, "height": 24, "channels": "rgb"}})");
+  const struct {
+    std::string backend;
+    std::string model;
+    std::string fault;
+  } cases[] = {
+      {"dnn", wide, "image: width 48, height 32, channels 3, but "},
+      {"dnn", wide, "digits.prototxt takes width 24, height 32, channels 3\n"},
+      {"dnn", binary, "digits-binary.caffemodel takes width 24, height 32, channels 3\n"},
+      {"dnn", caffe("input: 'data' input_dim: 1 input_dim: 3 input_dim: 64 input_dim: 24"),
+       "takes width 24, height 64, channels 3\n"},
+      {"dnn",
+       caffe("input: 'a' input: 'data' input_shape { dim: 1 } "
+             "input_shape { dim: 1 dim: 1 dim: 32 dim: 24 }"),
+       "takes width 24, height 32, channels 1\n"},
+      {"dnn",
+       caffe("layer { name: 'a' type: 'Input' top: 'data' "
+             "input_param { shape { dim: 1 dim: 3 dim: -1 dim: 48 } } }"),
+       "takes width 48, height any, channels 3\n"},
+      {"ie", wide, "digits-cpu.xml takes width 24, height 32, channels 3\n"},
+      {"ie",
+       Changed("\"input_width\": 0,\n    \"input_height\": 0",
+               "\"input_width\": 48, \"input_height\": 32"),
+       "takes width 48, height 32, channels 3\n"},
+      {"tflite", wide, "digits.tflite takes width 24, height 32, channels 3\n"},
+  };
+  for (const auto& [backend, model, fault] : cases) {
+    if ((backend == "ie" && !kRunsInferenceEngine) ||
+        (backend == "tflite" && !VELMORA_HAS_TENSORFLOW_LITE)) {
+      continue;
+    }
+    SCOPED_TRACE(fault);
+    const Finished finished = Run({"bench", model, "--backend", backend});
+    EXPECT_EQ(finished.status, 3);
+    EXPECT_THAT(finished.error, testing::HasSubstr(fault));
+  }
 }
 
 TEST_F(Program, TellsWhichEngineAndWhy) {

@@ -651,6 +651,44 @@ std::string RefusalOf(const File& model, std::string& text) {
   return reason;
 }
 
+// ---- the input ---------------------------------------------------------------------------------
+
+// Where `text` stands in a list of texts; -1 where it does not.
+int IndexOf(const std::string& text, const pb::Message& message, const std::string& list) {
+  for (int i = 0; i < Count(message, list); ++i) {
+    if (message.GetReflection()->GetRepeatedString(message, FieldOf(message, list), i) == text) {
+      return i;
+    }
+  }
+  return -1;
+}
+
+std::vector<std::int64_t> ShapeIn(const pb::Message& message, const std::string& list, int index) {
+  const auto shapes = MessagesIn(message, FieldOf(message, list));
+  return index < std::ssize(shapes)
+             ? NumbersIn(*shapes[static_cast<std::size_t>(index)],
+                         FieldOf(*shapes[static_cast<std::size_t>(index)], "dim"))
+             : std::vector<std::int64_t>();
+}
+
+std::vector<std::int64_t> InputOf(const pb::Message& net) {
+  if (const int index = IndexOf("data", net, "input"); index >= 0) {
+    const auto dims = NumbersIn(net, FieldOf(net, "input_dim"));
+    const std::ptrdiff_t first = std::ptrdiff_t{4} * index;
+    return first + 4 <= std::ssize(dims)
+               ? std::vector(dims.begin() + first, dims.begin() + first + 4)
+               : ShapeIn(net, "input_shape", index);
+  }
+  for (const pb::Message* layer : LayersOf(net)) {
+    const int index = TypeOf(*layer) == "Input" ? IndexOf("data", *layer, "top") : -1;
+    if (index < 0) continue;
+    for (const pb::Message* input : MessagesIn(*layer, FieldOf(*layer, "input_param"))) {
+      return ShapeIn(*input, "shape", std::min(index, Count(*input, "shape") - 1));
+    }
+  }
+  return {};
+}
+
 }  // namespace
 
 std::string RefusalOfCaffePair(const std::string& prototxt_path,
@@ -683,6 +721,25 @@ std::string RefusalOfCaffeBinary(const std::string& path) {
   std::string text;
   const std::string reason = RefusalOf(File(path), text);
   return reason.empty() ? reason : path + ": " + reason;
+}
+
+std::vector<std::int64_t> InputOfCaffePair(const std::string& prototxt_path) {
+  Format format;
+  const auto net = format.NewNet();
+  const File text(prototxt_path);
+  return text.is_open() && text.is_regular() && ParseText(text, *net) ? InputOf(*net)
+                                                                      : std::vector<std::int64_t>();
+}
+
+std::vector<std::int64_t> InputOfCaffeBinary(const std::string& path) {
+  Format format;
+  const auto net = format.NewNet();
+  const File model(path);
+  if (!model.is_open() || !model.is_regular()) return {};
+  const BinaryWalk walk(model, format.net());
+  return walk.is_message() && net->ParsePartialFromString(walk.skeleton())
+             ? InputOf(*net)
+             : std::vector<std::int64_t>();
 }
 
 ::cv::dnn::Net ReadCaffePair(const std::string& prototxt_path, const std::string& caffemodel_path) {

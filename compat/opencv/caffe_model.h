@@ -3,8 +3,10 @@
 // the importer that would crash it.
 #pragma once
 
+#include <cstdint>
 #include <opencv2/dnn.hpp>
 #include <string>
+#include <vector>
 
 namespace velmora::plugin::network::compat {
 
@@ -19,6 +21,12 @@ std::string RefusalOfCaffePair(const std::string& prototxt_path,
 /// The same for one binary file that holds both. It is refused too if it cannot be read or holds no
 /// such model.
 std::string RefusalOfCaffeBinary(const std::string& path);
+
+/// The size of the network's input "data" as a model's description states it, N x C x H x W as a
+/// rule; empty where it states none. For a model that was not refused: no more than its description
+/// is read.
+std::vector<std::int64_t> InputOfCaffePair(const std::string& prototxt_path);
+std::vector<std::int64_t> InputOfCaffeBinary(const std::string& path);
 
 /// Loads a pair; an empty net for one that is refused. Throws OpenCV's own cv::Exception for files
 /// that OpenCV refuses.

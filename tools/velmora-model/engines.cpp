@@ -33,6 +33,7 @@ struct Kind {
   const char* needs;
   std::vector<std::string> (*files)(const NetworkConfig& config);  // empty when there is no form
   std::unique_ptr<BaseNetwork> (*make)(const NetworkConfig& config);
+  InputShape (*input)(const NetworkConfig& config);
 };
 
 template <typename Network>
@@ -72,14 +73,15 @@ constexpr Kind kKinds[] = {
     {Backend::kIe, "ie", "Inference Engine",
      "Inference Engine (OpenVINO " VELMORA_OPENVINO_VERSION ")", "enable_ie",
      &NetworkConfig::enable_ie, plugin::platform::IsSupportedIENetwork,
-     "ie_cpu_xml_path and ie_cpu_bin_path", CpuPair, Make<IeNetwork>},
+     "ie_cpu_xml_path and ie_cpu_bin_path", CpuPair, Make<IeNetwork>, IeInput},
     {Backend::kTfLite, "tflite", "TensorFlow Lite",
      "TensorFlow Lite " VELMORA_TENSORFLOW_LITE_VERSION, "enable_tflite",
      &NetworkConfig::enable_tflite, plugin::platform::IsSupportedTFLiteNetwork, "tflite_model_path",
-     TfLiteFiles, Make<TfLiteNetwork>},
+     TfLiteFiles, Make<TfLiteNetwork>, TfLiteInput},
     {Backend::kDnn, "dnn", "OpenCV dnn", "OpenCV dnn " CV_VERSION, "enable_dnn",
      &NetworkConfig::enable_dnn, [] { return true; },
-     "dnn_binary_path, or dnn_prototxt_path and dnn_caffemodel_path", DnnFiles, Make<DnnNetwork>}};
+     "dnn_binary_path, or dnn_prototxt_path and dnn_caffemodel_path", DnnFiles, Make<DnnNetwork>,
+     DnnInput}};
 
 /// Calls `make` for a model in these files; a fault names the file.
 template <typename Make>
@@ -107,7 +109,14 @@ std::string WhyCpu(const NetworkConfig& config, const BaseNetwork& network) {
              : "no GPU: this machine has none that the engine can use";
 }
 
-Engine Describe(const Kind& kind, const NetworkConfig& config, std::unique_ptr<BaseNetwork> network,
+/// The model with its pair for the GPU in the place of that for the CPU.
+NetworkConfig WithGpuPair(NetworkConfig config) {
+  config.ie_cpu_xml_path = config.ie_gpu_xml_path;
+  config.ie_cpu_bin_path = config.ie_gpu_bin_path;
+  return config;
+}
+
+Engine Describe(const Kind& kind, NetworkConfig config, std::unique_ptr<BaseNetwork> network,
                 std::vector<std::string> reasons) {
   Engine engine;
   engine.id = kind.id;
@@ -118,10 +127,14 @@ Engine Describe(const Kind& kind, const NetworkConfig& config, std::unique_ptr<B
   }
   if (const auto* const ie = dynamic_cast<const IeNetwork*>(network.get())) {
     engine.device = [ie] { return ie->GetDevice(); };
-    if (engine.device() != "GPU") {
+    if (engine.device() == "GPU") {
+      config = WithGpuPair(config);
+    } else {
       reasons.push_back(WhyCpu(config, *network));
     }
   }
+  engine.files = kind.files(config);
+  engine.input = kind.input(config);
   engine.why = fmt::format("{}", fmt::join(reasons, "; "));
   engine.network = std::move(network);
   return engine;
@@ -199,10 +212,7 @@ std::vector<Engine> MakeEveryEngine(const NetworkConfig& config,
     engines.push_back(MakeNamed(kind, one));
     if (kind.backend == Backend::kIe && !GpuPair(config).empty()) {
       // This pair whatever the device: the GPU may be in use, or there may be none.
-      NetworkConfig other = config;
-      other.ie_cpu_xml_path = config.ie_gpu_xml_path;
-      other.ie_cpu_bin_path = config.ie_gpu_bin_path;
-      engines.push_back(MakeNamed(kind, other));
+      engines.push_back(MakeNamed(kind, WithGpuPair(config)));
       engines.back().id = "ie-gpu";
       engines[engines.size() - 2].id = "ie-cpu";
     }

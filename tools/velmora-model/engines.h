@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "inputs.h"
+
 namespace velmora::tool {
 
 enum class Backend { kDnn, kIe, kTfLite };
@@ -20,7 +22,9 @@ struct Engine {
   std::string id;    // short: "dnn", "ie", "tflite"; "ie-cpu" and "ie-gpu" for one pair of the two
   std::string name;  // with the version
   std::function<std::string()> device = [] { return "CPU"; };  // that the network is on now
-  std::string why;  // this engine and this device; empty when it is the first choice
+  std::string why;                 // this engine and this device; empty when it is the first choice
+  std::vector<std::string> files;  // that the network was loaded from
+  InputShape input;
   std::vector<std::string> outputs;  // keys of the network's maps, in the order of output_names
 };
 

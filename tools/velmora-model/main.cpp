@@ -37,7 +37,8 @@ constexpr char kModelHelp[] = R"(MODEL.json describes a model and how images are
   }
   network  the fields of the library's NetworkConfig; paths start at MODEL.json's folder. The
            answer is the first of output_names: one probability for each label.
-  image    the size in pixels, and "rgb", "bgr" or "gray". The network is given
+  image    the size in pixels, and "rgb", "bgr" or "gray": those of the network's input, or it is
+           an error. The network is given
            (pixel - mean) * scale, by channel in that order, or one number for all; without
            them, mean is 0 and scale is 1.
   labels   may be left out: answers are then numbers from 0.

@@ -13,9 +13,29 @@ using plugin::network::OutputMap;
 
 namespace {
 
+/// A network may run on another size than it was made for, and answers something.
+void CheckInput(const Model& model) {
+  const InputShape& input = model.engine.input;
+  const int channels = model.channels == Channels::kGray ? 1 : 3;
+  const auto fits = [](int network, int image) { return network == 0 || network == image; };
+  if (fits(input.width, model.size.width) && fits(input.height, model.size.height) &&
+      fits(input.channels, channels)) {
+    return;
+  }
+  const auto say = [](int width, int height, int count) {
+    const auto number = [](int value) { return value == 0 ? "any" : std::to_string(value); };
+    return fmt::format("width {}, height {}, channels {}", number(width), number(height),
+                       number(count));
+  };
+  throw std::runtime_error(
+      fmt::format("image: {}, but {} takes {}", say(model.size.width, model.size.height, channels),
+                  model.engine.files[0], say(input.width, input.height, input.channels)));
+}
+
 /// Whether a network fits its description shows only when it runs: once here, and not as the same
 /// complaint about every image. It also spares the first image the time of the engine's set-up.
 void TryNetwork(Model* model) {
+  CheckInput(*model);
   const int type = model->channels == Channels::kGray ? CV_32FC1 : CV_32FC3;
   double seconds = 0;
   try {
