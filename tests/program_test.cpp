@@ -207,7 +207,7 @@ TEST_F(Program, BadInputIsOneLineAndTheOthersAreDone) {
   EXPECT_EQ(Run({"run", kModel, good}, ErrorTo::kPipe, "/dev/full").status, 1);
 }
 
-TEST_F(Program, SaysWhichSizeTheNetworkTakes) {
+TEST_F(Program, SaysWhyAModelIsRefused) {
   // A network that takes images of any size, with its input in each of the ways to state it.
   const auto caffe = [&](const std::string& input) {
     return Changed("digits.prototxt",
@@ -220,11 +220,17 @@ TEST_F(Program, SaysWhichSizeTheNetworkTakes) {
       Write("binary.json", R"({"network": {"output_names": ["prob"], "dnn_binary_path": ")" +
                                (kSample / "digits-binary.caffemodel").string() +
                                R"("}, "image": {"width": 32, "height": 24, "channels": "rgb"}})");
+  std::string weights = Read(kSample / "digits.tflite");
+  ++weights[weights.find(std::string("\xff\xff\xff\xff\x80\x04\0\0", 8)) + 4];  // a Reshape's sizes
+  const std::string reshaped = Changed("digits.tflite", Write("reshaped", weights));
   const struct {
     std::string backend;
     std::string model;
     std::string fault;
   } cases[] = {
+      {"dnn", caffe("layer { name: 'a' type: 'Convolution' convolution_param { group: 0 } }"),
+       "Load dnn network failed: "},
+      {"tflite", reshaped, "(RESHAPE) failed to prepare"},
       {"dnn", wide, "image: width 48, height 32, channels 3, but "},
       {"dnn", wide, "digits.prototxt takes width 24, height 32, channels 3\n"},
       {"dnn", binary, "digits-binary.caffemodel takes width 24, height 32, channels 3\n"},

@@ -16,20 +16,6 @@
 
 namespace velmora::tool {
 
-namespace {
-
-/// All white space as single blanks: engines write their messages over several lines.
-std::string Squeeze(const std::string& text) {
-  std::istringstream words(text);
-  std::string squeezed;
-  for (std::string word; words >> word;) {
-    squeezed += (squeezed.empty() ? "" : " ") + word;
-  }
-  return squeezed;
-}
-
-}  // namespace
-
 void CheckReadable(const std::string& path) {
   struct stat status {};
   if (stat(path.c_str(), &status) != 0 || access(path.c_str(), R_OK) != 0) {
@@ -53,11 +39,21 @@ std::string ReadFile(const std::string& path) {
   return text;
 }
 
-std::string CurrentFault() {
+std::string Squeeze(const std::string& text) {
+  std::istringstream words(text);
+  std::string squeezed;
+  for (std::string word; words >> word;) {
+    squeezed += (squeezed.empty() ? "" : " ") + word;
+  }
+  return squeezed;
+}
+
+std::string CurrentFault(const std::function<std::string()>& reason) {
   try {
     throw;
   } catch (const plugin::network::Exception& exception) {
-    return exception.message;
+    const std::string why = reason != nullptr ? reason() : "";
+    return exception.message + (why.empty() ? "" : ": " + why);
   } catch (const cv::Exception& exception) {
     const bool assertion = exception.code == cv::Error::StsAssert;
     return Squeeze((assertion ? "OpenCV: failed assertion " : "OpenCV: ") + exception.err);

@@ -1,6 +1,7 @@
 // Files that the user names, and what went wrong with them.
 #pragma once
 
+#include <functional>
 #include <string>
 
 #include "common/console.h"
@@ -15,7 +16,11 @@ void CheckReadable(const std::string& path);
 /// The whole file; throws as CheckReadable() does.
 std::string ReadFile(const std::string& path);
 
-/// The exception that is being handled, whatever its type, as one short line.
-std::string CurrentFault();
+/// All white space as single blanks: engines write their messages over several lines.
+std::string Squeeze(const std::string& text);
+
+/// The exception that is being handled, whatever its type, as one short line. To one of the
+/// library, whose texts are fixed, it adds what `reason` tells.
+std::string CurrentFault(const std::function<std::string()>& reason = nullptr);
 
 }  // namespace velmora::tool

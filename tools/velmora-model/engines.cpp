@@ -34,6 +34,7 @@ struct Kind {
   std::vector<std::string> (*files)(const NetworkConfig& config);  // empty when there is no form
   std::unique_ptr<BaseNetwork> (*make)(const NetworkConfig& config);
   InputShape (*input)(const NetworkConfig& config);
+  std::string (*reason)(const NetworkConfig& config);  // why it does not load
 };
 
 template <typename Network>
@@ -68,26 +69,41 @@ std::vector<std::string> TfLiteFiles(const NetworkConfig& config) {
   return WholeOrNone({config.tflite_model_path});
 }
 
+/// The model with its pair for the GPU in the place of that for the CPU.
+NetworkConfig WithGpuPair(NetworkConfig config) {
+  config.ie_cpu_xml_path = config.ie_gpu_xml_path;
+  config.ie_cpu_bin_path = config.ie_gpu_bin_path;
+  return config;
+}
+
+std::string IeReasonOnEachDevice(const NetworkConfig& config) {
+  const std::string reason = IeReason(config, "CPU");
+  const bool has_gpu = plugin::platform::IsSupportedIENetworkGpu() && !GpuPair(config).empty();
+  return reason.empty() && has_gpu ? IeReason(WithGpuPair(config), "GPU") : reason;
+}
+
 /// In the order in which the factory asks.
 constexpr Kind kKinds[] = {
     {Backend::kIe, "ie", "Inference Engine",
      "Inference Engine (OpenVINO " VELMORA_OPENVINO_VERSION ")", "enable_ie",
      &NetworkConfig::enable_ie, plugin::platform::IsSupportedIENetwork,
-     "ie_cpu_xml_path and ie_cpu_bin_path", CpuPair, Make<IeNetwork>, IeInput},
+     "ie_cpu_xml_path and ie_cpu_bin_path", CpuPair, Make<IeNetwork>, IeInput,
+     IeReasonOnEachDevice},
     {Backend::kTfLite, "tflite", "TensorFlow Lite",
      "TensorFlow Lite " VELMORA_TENSORFLOW_LITE_VERSION, "enable_tflite",
      &NetworkConfig::enable_tflite, plugin::platform::IsSupportedTFLiteNetwork, "tflite_model_path",
-     TfLiteFiles, Make<TfLiteNetwork>, TfLiteInput},
+     TfLiteFiles, Make<TfLiteNetwork>, TfLiteInput, TfLiteReason},
     {Backend::kDnn, "dnn", "OpenCV dnn", "OpenCV dnn " CV_VERSION, "enable_dnn",
      &NetworkConfig::enable_dnn, [] { return true; },
      "dnn_binary_path, or dnn_prototxt_path and dnn_caffemodel_path", DnnFiles, Make<DnnNetwork>,
-     DnnInput}};
+     DnnInput, DnnReason}};
 
-/// Calls `make` for a model in these files; a fault names the file.
+/// Calls `make` for a model that has such a form; an error names the file.
 template <typename Make>
-std::unique_ptr<BaseNetwork> Load(const std::vector<std::string>& files, Make make) {
+std::unique_ptr<BaseNetwork> Load(const Kind& kind, const NetworkConfig& config, Make make) {
   std::string at_fault;
   try {
+    const std::vector<std::string> files = kind.files(config);
     for (const std::string& file : files) {
       at_fault = file;
       CheckReadable(file);
@@ -95,7 +111,7 @@ std::unique_ptr<BaseNetwork> Load(const std::vector<std::string>& files, Make ma
     at_fault = fmt::format("{}", fmt::join(files, ", "));
     return make();
   } catch (...) {
-    throw std::runtime_error(at_fault + ": " + CurrentFault());
+    throw std::runtime_error(at_fault + ": " + CurrentFault([&] { return kind.reason(config); }));
   }
 }
 
@@ -109,14 +125,7 @@ std::string WhyCpu(const NetworkConfig& config, const BaseNetwork& network) {
              : "no GPU: this machine has none that the engine can use";
 }
 
-/// The model with its pair for the GPU in the place of that for the CPU.
-NetworkConfig WithGpuPair(NetworkConfig config) {
-  config.ie_cpu_xml_path = config.ie_gpu_xml_path;
-  config.ie_cpu_bin_path = config.ie_gpu_bin_path;
-  return config;
-}
-
-Engine Describe(const Kind& kind, NetworkConfig config, std::unique_ptr<BaseNetwork> network,
+Engine Describe(const Kind& kind, const NetworkConfig& config, std::unique_ptr<BaseNetwork> network,
                 std::vector<std::string> reasons) {
   Engine engine;
   engine.id = kind.id;
@@ -127,14 +136,14 @@ Engine Describe(const Kind& kind, NetworkConfig config, std::unique_ptr<BaseNetw
   }
   if (const auto* const ie = dynamic_cast<const IeNetwork*>(network.get())) {
     engine.device = [ie] { return ie->GetDevice(); };
-    if (engine.device() == "GPU") {
-      config = WithGpuPair(config);
-    } else {
+    if (engine.device() != "GPU") {
       reasons.push_back(WhyCpu(config, *network));
     }
   }
-  engine.files = kind.files(config);
-  engine.input = kind.input(config);
+  const NetworkConfig used = engine.device() == "GPU" ? WithGpuPair(config) : config;
+  engine.files = kind.files(used);
+  engine.input = kind.input(used);
+  engine.reason = [&kind, config] { return kind.reason(config); };
   engine.why = fmt::format("{}", fmt::join(reasons, "; "));
   engine.network = std::move(network);
   return engine;
@@ -150,11 +159,10 @@ const Kind& KindOf(Backend backend) {
 }
 
 Engine MakeNamed(const Kind& kind, const NetworkConfig& config) {
-  const std::vector<std::string> files = kind.files(config);
-  if (files.empty()) {
+  if (kind.files(config).empty()) {
     throw std::runtime_error(fmt::format("network needs {}", kind.needs));
   }
-  return Describe(kind, config, Load(files, [&] { return kind.make(config); }), {});
+  return Describe(kind, config, Load(kind, config, [&] { return kind.make(config); }), {});
 }
 
 /// Empty when the factory may take it.
@@ -185,7 +193,7 @@ Engine MakeEngine(const NetworkConfig& config, std::optional<Backend> backend) {
   for (const Kind& kind : kKinds) {
     const std::string why_not = WhyNot(kind, config);
     if (why_not.empty()) {
-      auto network = Load(kind.files(config), [&] {
+      auto network = Load(kind, config, [&] {
         return std::unique_ptr<BaseNetwork>(plugin::network::CreateNetwork(with_forms));
       });
       return Describe(kind, config, std::move(network), std::move(reasons));

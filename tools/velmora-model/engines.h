@@ -25,7 +25,8 @@ struct Engine {
   std::string why;                 // this engine and this device; empty when it is the first choice
   std::vector<std::string> files;  // that the network was loaded from
   InputShape input;
-  std::vector<std::string> outputs;  // keys of the network's maps, in the order of output_names
+  std::function<std::string()> reason;  // why it does not run, see inputs.h
+  std::vector<std::string> outputs;     // keys of the network's maps, in the order of output_names
 };
 
 /// Which engine, which device and why, for the user to read.

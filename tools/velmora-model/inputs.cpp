@@ -1,9 +1,12 @@
 #include "inputs.h"
 
+#include <algorithm>
+#include <cstdarg>
 #include <cstdint>
+#include <cstdio>
 #include <limits>
+#include <memory>
 #include <string>
-#include <vector>
 
 #include "common.h"
 #include "opencv/caffe_model.h"
@@ -12,6 +15,10 @@
 #endif
 #if VELMORA_HAS_TENSORFLOW_LITE
 #include <model_format_generated.h>
+#include <tensorflow/lite/kernels/register.h>
+#include <tensorflow/lite/model.h>
+
+#include "tensorflow_lite/graph_verifier.h"
 #endif
 
 namespace velmora::tool {
@@ -34,6 +41,42 @@ InputShape ShapeOf(const Sizes& sizes, bool channels_last) {
                        : InputShape{size(3), size(2), size(1)};
 }
 
+#if VELMORA_HAS_INFERENCE_ENGINE
+/// As the backend sets it up.
+InferenceEngine::CNNNetwork ReadIeNetwork(InferenceEngine::Core core, const NetworkConfig& config) {
+  auto network = core.ReadNetwork(config.ie_cpu_xml_path, config.ie_cpu_bin_path);
+  network.setBatchSize(config.batch_size);
+  auto shapes = network.getInputShapes();
+  if (config.input_width != 0 && config.input_height != 0 && !shapes.empty() &&
+      shapes.begin()->second.size() >= 4) {
+    shapes.begin()->second[2] = config.input_height;
+    shapes.begin()->second[3] = config.input_width;
+    network.reshape(shapes);
+  }
+  return network;
+}
+#endif
+
+#if VELMORA_HAS_TENSORFLOW_LITE
+using namespace plugin::network;  // the engine's names, where a bridge has them
+
+/// Keeps what the engine reports.
+class Words : public tflite::ErrorReporter {
+ public:
+  using tflite::ErrorReporter::Report;
+  int Report(const char* format, va_list arguments) override {
+    char text[1024];
+    const int length = std::vsnprintf(text, sizeof text, format, arguments);
+    said_ += length > 0 ? std::string(text) + "\n" : "";
+    return length;
+  }
+  const std::string& said() const { return said_; }
+
+ private:
+  std::string said_;
+};
+#endif
+
 }  // namespace
 
 InputShape DnnInput(const NetworkConfig& config) {
@@ -45,16 +88,8 @@ InputShape DnnInput(const NetworkConfig& config) {
 
 InputShape IeInput([[maybe_unused]] const NetworkConfig& config) {
 #if VELMORA_HAS_INFERENCE_ENGINE
-  const auto shapes = InferenceEngine::Core("")
-                          .ReadNetwork(config.ie_cpu_xml_path, config.ie_cpu_bin_path)
-                          .getInputShapes();
-  InferenceEngine::SizeVector shape =
-      shapes.empty() ? InferenceEngine::SizeVector() : shapes.begin()->second;
-  if (shape.size() >= 4 && config.input_width != 0 && config.input_height != 0) {
-    shape[2] = config.input_height;
-    shape[3] = config.input_width;
-  }
-  return ShapeOf(shape, false);
+  const auto shapes = ReadIeNetwork(InferenceEngine::Core(""), config).getInputShapes();
+  return shapes.empty() ? InputShape() : ShapeOf(shapes.begin()->second, false);
 #else
   return {};
 #endif
@@ -77,6 +112,46 @@ InputShape TfLiteInput([[maybe_unused]] const NetworkConfig& config) {
   return shape == nullptr ? InputShape() : ShapeOf(*shape, true);
 #else
   return {};
+#endif
+}
+
+std::string DnnReason(const NetworkConfig& config) {
+  using namespace plugin::network::compat;
+  return config.dnn_binary_path.empty()
+             ? RefusalOfCaffePair(config.dnn_prototxt_path, config.dnn_caffemodel_path)
+             : RefusalOfCaffeBinary(config.dnn_binary_path);
+}
+
+std::string IeReason([[maybe_unused]] const NetworkConfig& config,
+                     [[maybe_unused]] const std::string& device) {
+#if VELMORA_HAS_INFERENCE_ENGINE
+  try {
+    InferenceEngine::Core core("");
+    core.LoadNetwork(ReadIeNetwork(core, config), device, {}).CreateInferRequest().Infer();
+  } catch (...) {
+    return CurrentFault();
+  }
+#endif
+  return "";
+}
+
+std::string TfLiteReason([[maybe_unused]] const NetworkConfig& config) {
+#if VELMORA_HAS_TENSORFLOW_LITE
+  Words words;
+  compat::GraphVerifier verifier;
+  const auto model = tflite::FlatBufferModel::VerifyAndBuildFromFile(
+      config.tflite_model_path.c_str(), &verifier, &words);
+  if (model != nullptr) {
+    std::unique_ptr<tflite::Interpreter> interpreter;
+    const tflite::ops::builtin::BuiltinOpResolver resolver;
+    tflite::InterpreterBuilder(*model, resolver, nullptr)(&interpreter);
+    if (interpreter != nullptr && interpreter->AllocateTensors() == kTfLiteOk) {
+      interpreter->Invoke();
+    }
+  }
+  return Squeeze(words.said());
+#else
+  return "";
 #endif
 }
 

@@ -1,8 +1,10 @@
-// The size of a network's input as its files state it. The one place of the program that asks the
-// engines themselves: they know, and run other sizes all the same, or read them as noise.
+// What the library keeps to itself: the size of a network's input, and why an engine does not take
+// a model. The one place of the program that asks the engines themselves.
 #pragma once
 
 #include <velmora/plugin/network/network_config.h>
+
+#include <string>
 
 namespace velmora::tool {
 
@@ -19,5 +21,12 @@ struct InputShape {
 InputShape DnnInput(const plugin::network::NetworkConfig& config);
 InputShape IeInput(const plugin::network::NetworkConfig& config);
 InputShape TfLiteInput(const plugin::network::NetworkConfig& config);
+
+/// Each for a form that its backend could not load or run: why not, in the words of the engine or
+/// of the rule that refused it, on one line; empty where all goes well now. Loads it once more. The
+/// Inference Engine's is on this device, with the pair for the CPU.
+std::string DnnReason(const plugin::network::NetworkConfig& config);
+std::string IeReason(const plugin::network::NetworkConfig& config, const std::string& device);
+std::string TfLiteReason(const plugin::network::NetworkConfig& config);
 
 }  // namespace velmora::tool

@@ -45,7 +45,8 @@ void TryNetwork(Model* model) {
       model->labels.push_back(std::to_string(model->labels.size()));
     }
   } catch (...) {
-    throw std::runtime_error("the network does not fit this description: " + CurrentFault());
+    throw std::runtime_error("the network does not fit this description: " +
+                             CurrentFault(model->engine.reason));
   }
 }
 
