@@ -122,9 +122,25 @@ TEST_F(Program, PreparesImagesAsTheModelSays) {
   }
   cv::imwrite(folder_ / "small.png", small);
   cv::imwrite(folder_ / "large.png", large);
-  const Json::Value images =
-      RunJson({"run", kModel, folder_ / "small.png", folder_ / "large.png"})["images"];
-  EXPECT_EQ(images[0]["answers"], images[1]["answers"]);
+  const auto answers = [&](const fs::path& model, const char* image) {
+    return RunJson({"run", "--top", "10", model, folder_ / image})["images"][0]["answers"];
+  };
+  EXPECT_EQ(answers(kModel, "large.png"), answers(kModel, "small.png"));
+
+  // What "crop" leaves of an image, and what "letterbox" makes of one.
+  cv::Mat framed;
+  cv::copyMakeBorder(small, framed, 64, 64, 100, 100, cv::BORDER_CONSTANT, {0, 0, 255});
+  cv::imwrite(folder_ / "framed.png", framed);
+  const std::string crop = R"("fit": "crop", "crop_fraction": 0.5, )";
+  EXPECT_EQ(answers(Changed("\"mean", crop + "\"mean"), "framed.png"),
+            answers(kModel, "small.png"));
+  cv::imwrite(folder_ / "low.png", large.rowRange(0, 252));
+  cv::resize(large.rowRange(0, 252), small, {24, 16}, 0, 0, cv::INTER_AREA);
+  cv::copyMakeBorder(small, framed, 8, 8, 0, 0, cv::BORDER_CONSTANT, {3, 2, 1});
+  cv::imwrite(folder_ / "framed.png", framed);
+  const std::string letterbox = R"("fit": "letterbox", "letterbox_color": [1, 2, 3], )";
+  EXPECT_EQ(answers(Changed("\"mean", letterbox + "\"mean"), "low.png"),
+            answers(kModel, "framed.png"));
 }
 
 TEST_F(Program, TableShowsAnswersAndWhichAreWrong) {
@@ -189,6 +205,10 @@ TEST_F(Program, BadInputIsOneLineAndTheOthersAreDone) {
       {3, {"bench", "gone.json"}, "gone.json: No such file"},
       {3, {"bench", Write("a.json", "{\n \"name\": \n")}, "a.json: is not JSON: Line 3"},
       {3, load("\"mean", "\"maen"), "image.maen: unknown key"},
+      {3, load("\"mean", "\"fit\": \"box\", \"mean"),
+       R"(image.fit: expected "stretch" or "crop" or "letterbox")"},
+      {3, load("\"mean", "\"crop_fraction\": 1, \"mean"),
+       R"(image.crop_fraction: expected "fit": "crop" beside it)"},
       {3, load("24", "\"24\""), "image.width: expected a positive integer"},
       {3, load("\"prob", "\"gone"), ".json: the network does not fit"},
       {3, load("\"9\"", "\"9\", \"10\""), "has 10 values, and there are 11 labels"},

@@ -1,10 +1,12 @@
 #include "description.h"
 
-#include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <json/json.h>
 
+#include <algorithm>
 #include <cmath>
 #include <filesystem>
+#include <iterator>
 #include <limits>
 #include <memory>
 #include <string_view>
@@ -114,6 +116,15 @@ struct Node {
     return value.asDouble();
   }
 
+  /// One of the words, by its place among them.
+  template <std::size_t kCount>
+  std::size_t Word(const std::string_view (&words)[kCount]) const {
+    const std::string word = String();
+    const auto found = std::find(std::begin(words), std::end(words), word);
+    Expect(found != std::end(words), fmt::format("\"{}\"", fmt::join(words, "\" or \"")));
+    return static_cast<std::size_t>(found - std::begin(words));
+  }
+
   cv::Scalar PerChannel(int channels) const {
     if (!value.isArray()) {
       return cv::Scalar::all(Number());
@@ -152,12 +163,10 @@ NetworkConfig ReadConfig(const Node& section, const fs::path& folder) {
 
 void ReadPreparation(const Node& section, Model* model) {
   const std::vector<std::string> names = section.Members({"width", "height", "channels"});
-  const std::string channels = section["channels"].String();
-  section["channels"].Expect(channels == "rgb" || channels == "bgr" || channels == "gray",
-                             "\"rgb\", \"bgr\" or \"gray\"");
-  model->channels = channels == "rgb"   ? Channels::kRgb
-                    : channels == "bgr" ? Channels::kBgr
-                                        : Channels::kGray;
+  model->channels = static_cast<Channels>(section["channels"].Word({"rgb", "bgr", "gray"}));
+  if (section.value.isMember("fit")) {
+    model->fit = static_cast<Fit>(section["fit"].Word({"stretch", "crop", "letterbox"}));
+  }
   const int count = model->channels == Channels::kGray ? 1 : 3;
   for (const std::string& name : names) {
     const Node node = section[name];
@@ -169,7 +178,18 @@ void ReadPreparation(const Node& section, Model* model) {
       model->mean = node.PerChannel(count);
     } else if (name == "scale") {
       model->scale = node.PerChannel(count);
-    } else if (name != "channels") {
+    } else if (name == "crop_fraction") {
+      node.Expect(model->fit == Fit::kCrop, "\"fit\": \"crop\" beside it");
+      model->crop_fraction = node.Number();
+      node.Expect(model->crop_fraction > 0 && model->crop_fraction <= 1,
+                  "a number above 0 and of at most 1");
+    } else if (name == "letterbox_color") {
+      node.Expect(model->fit == Fit::kLetterbox, "\"fit\": \"letterbox\" beside it");
+      model->letterbox_color = node.PerChannel(count);
+      const double* const color = model->letterbox_color.val;
+      node.Expect(std::all_of(color, color + count, [](double c) { return c >= 0 && c <= 255; }),
+                  "numbers from 0 to 255");
+    } else if (name != "channels" && name != "fit") {
       node.Refuse("unknown key");
     }
   }

@@ -95,6 +95,24 @@ class CodecMessages {
   int caught_;
 };
 
+/// At least one pixel, whatever the ratio of an image.
+cv::Size Scaled(const cv::Size& size, double factor) {
+  return {std::max(cvRound(size.width * factor), 1), std::max(cvRound(size.height * factor), 1)};
+}
+
+/// The largest size with the ratio of `image` that does not go beyond `size`.
+cv::Size SizeWithin(const cv::Size& image, const cv::Size& size) {
+  const double factor = std::min(1.0 * size.width / image.width, 1.0 * size.height / image.height);
+  return Scaled(image, factor);
+}
+
+/// The part in the middle of an image that "crop" leaves.
+cv::Mat Middle(const cv::Mat& image, const Model& model) {
+  const cv::Size size = Scaled(SizeWithin(model.size, image.size()), model.crop_fraction);
+  return image(
+      {(image.cols - size.width) / 2, (image.rows - size.height) / 2, size.width, size.height});
+}
+
 /// The fields of one line of CSV.
 std::vector<std::string> SplitCsv(std::string_view line) {
   std::vector<std::string> fields(1);
@@ -203,14 +221,23 @@ cv::Mat ReadImage(const std::string& path, Channels channels) {
 }
 
 cv::Mat Prepare(const cv::Mat& image, const Model& model) {
-  cv::Mat prepared = image;
-  if (image.size() != model.size) {
-    const bool shrinks = image.cols >= model.size.width && image.rows >= model.size.height;
-    cv::resize(image, prepared, model.size, 0, 0, shrinks ? cv::INTER_AREA : cv::INTER_LINEAR);
+  cv::Mat prepared = model.fit == Fit::kCrop ? Middle(image, model) : image;
+  const cv::Size size =
+      model.fit == Fit::kLetterbox ? SizeWithin(image.size(), model.size) : model.size;
+  if (prepared.size() != size) {
+    const bool shrinks = prepared.cols >= size.width && prepared.rows >= size.height;
+    cv::resize(prepared, prepared, size, 0, 0, shrinks ? cv::INTER_AREA : cv::INTER_LINEAR);
   }
   prepared.convertTo(prepared, CV_32F);  // from here on, not the caller's pixels
   if (model.channels == Channels::kRgb) {
     cv::cvtColor(prepared, prepared, cv::COLOR_BGR2RGB);
+  }
+  if (size != model.size) {
+    const int left = (model.size.width - size.width) / 2;
+    const int above = (model.size.height - size.height) / 2;
+    cv::copyMakeBorder(prepared, prepared, above, model.size.height - size.height - above, left,
+                       model.size.width - size.width - left, cv::BORDER_CONSTANT,
+                       model.letterbox_color);
   }
   cv::subtract(prepared, model.mean, prepared);
   cv::multiply(prepared, model.scale, prepared);

@@ -38,9 +38,12 @@ constexpr char kModelHelp[] = R"(MODEL.json describes a model and how images are
   network  the fields of the library's NetworkConfig; paths start at MODEL.json's folder. The
            answer is the first of output_names: one probability for each label.
   image    the size in pixels, and "rgb", "bgr" or "gray": those of the network's input, or it is
-           an error. The network is given
-           (pixel - mean) * scale, by channel in that order, or one number for all; without
-           them, mean is 0 and scale is 1.
+           an error. The network is given (pixel - mean) * scale, by channel in that order, or
+           one number for all; without them, mean is 0 and scale is 1.
+           "fit" is how an image comes to that size. "stretch", the default: all of it, whatever
+           its ratio of width to height. "crop": its middle, "crop_fraction" (0.875) of the largest
+           with the size's ratio. "letterbox": all of it with its own ratio, in the middle of
+           "letterbox_color" (0; by channel, or one number for all, from 0 to 255).
   labels   may be left out: answers are then numbers from 0.
 )";
 

@@ -21,11 +21,21 @@ struct ModelError : std::runtime_error {
 
 enum class Channels { kRgb, kBgr, kGray };
 
+/// How an image becomes one of the network's size.
+enum class Fit {
+  kStretch,   // the whole of it, to the size
+  kCrop,      // the middle of it, with the size's ratio of width to height
+  kLetterbox  // the whole of it with its own ratio, and a border
+};
+
 struct Model {
   std::string name;
   plugin::network::NetworkConfig config;
   cv::Size size;
   Channels channels = Channels::kRgb;
+  Fit fit = Fit::kStretch;
+  double crop_fraction = 0.875;  // of the largest such middle; as ImageNet's networks are evaluated
+  cv::Scalar letterbox_color;    // in the order of `channels`, as pixels are before mean and scale
   cv::Scalar mean = cv::Scalar::all(0);  // in the order of `channels`, as is the scale
   cv::Scalar scale = cv::Scalar::all(1);
   std::vector<std::string> labels;  // "0", "1", … when the description has none
