@@ -210,7 +210,7 @@ TEST_F(Program, BadInputIsOneLineAndTheOthersAreDone) {
       {3, load("\"mean", "\"crop_fraction\": 1, \"mean"),
        R"(image.crop_fraction: expected "fit": "crop" beside it)"},
       {3, load("24", "\"24\""), "image.width: expected a positive integer"},
-      {3, load("\"prob", "\"gone"), ".json: the network does not fit"},
+      {3, load("\"prob", "\"gone"), "digits.prototxt: the network does not fit"},
       {3, load("\"9\"", "\"9\", \"10\""), "has 10 values, and there are 11 labels"},
       {3, load("\"enable_dnn\": true", "\"enable_dnn\": false"), "enable_dnn"},
       {3, load("digits.caffemodel", "gone.bin"), "gone.bin: No such file"},
@@ -264,6 +264,8 @@ TEST_F(Program, SaysWhyAModelIsRefused) {
        caffe("layer { name: 'a' type: 'Input' top: 'data' "
              "input_param { shape { dim: 1 dim: 3 dim: -1 dim: 48 } } }"),
        "takes width 48, height any, channels 3\n"},
+      {"ie", Changed("\"prob", "\"gone"),
+       "input or output with name: 'gone': the outputs are \"features\", \"prob\"\n"},
       {"ie", wide, "digits-cpu.xml takes width 24, height 32, channels 3\n"},
       {"ie",
        Changed("\"input_width\": 0,\n    \"input_height\": 0",

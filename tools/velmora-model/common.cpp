@@ -16,6 +16,29 @@
 
 namespace velmora::tool {
 
+namespace {
+
+std::string Fault() {
+  try {
+    throw;
+  } catch (const plugin::network::Exception& exception) {
+    return exception.message;
+  } catch (const cv::Exception& exception) {
+    const bool assertion = exception.code == cv::Error::StsAssert;
+    return Squeeze((assertion ? "OpenCV: failed assertion " : "OpenCV: ") + exception.err);
+  } catch (const std::filesystem::filesystem_error& error) {
+    return error.code().message();
+  } catch (const std::bad_alloc&) {
+    return "not enough memory";
+  } catch (const std::exception& exception) {
+    return Squeeze(exception.what());
+  } catch (...) {
+    return "unknown failure";
+  }
+}
+
+}  // namespace
+
 void CheckReadable(const std::string& path) {
   struct stat status {};
   if (stat(path.c_str(), &status) != 0 || access(path.c_str(), R_OK) != 0) {
@@ -49,23 +72,9 @@ std::string Squeeze(const std::string& text) {
 }
 
 std::string CurrentFault(const std::function<std::string()>& reason) {
-  try {
-    throw;
-  } catch (const plugin::network::Exception& exception) {
-    const std::string why = reason != nullptr ? reason() : "";
-    return exception.message + (why.empty() ? "" : ": " + why);
-  } catch (const cv::Exception& exception) {
-    const bool assertion = exception.code == cv::Error::StsAssert;
-    return Squeeze((assertion ? "OpenCV: failed assertion " : "OpenCV: ") + exception.err);
-  } catch (const std::filesystem::filesystem_error& error) {
-    return error.code().message();
-  } catch (const std::bad_alloc&) {
-    return "not enough memory";
-  } catch (const std::exception& exception) {
-    return Squeeze(exception.what());
-  } catch (...) {
-    return "unknown failure";
-  }
+  std::string fault = Fault();
+  const std::string why = reason != nullptr ? reason() : "";
+  return fault.find(why) != std::string::npos ? fault : fault + ": " + why;
 }
 
 }  // namespace velmora::tool

@@ -19,8 +19,8 @@ std::string ReadFile(const std::string& path);
 /// All white space as single blanks: engines write their messages over several lines.
 std::string Squeeze(const std::string& text);
 
-/// The exception that is being handled, whatever its type, as one short line. To one of the
-/// library, whose texts are fixed, it adds what `reason` tells.
+/// The exception that is being handled, whatever its type, as one short line. What `reason`
+/// tells is added where it is not said already: the library's own texts are fixed ones.
 std::string CurrentFault(const std::function<std::string()>& reason = nullptr);
 
 }  // namespace velmora::tool

@@ -102,6 +102,7 @@ constexpr Kind kKinds[] = {
 template <typename Make>
 std::unique_ptr<BaseNetwork> Load(const Kind& kind, const NetworkConfig& config, Make make) {
   std::string at_fault;
+  std::function<std::string()> reason;  // none while no engine has been asked
   try {
     const std::vector<std::string> files = kind.files(config);
     for (const std::string& file : files) {
@@ -109,9 +110,10 @@ std::unique_ptr<BaseNetwork> Load(const Kind& kind, const NetworkConfig& config,
       CheckReadable(file);
     }
     at_fault = fmt::format("{}", fmt::join(files, ", "));
+    reason = [&] { return kind.reason(config); };
     return make();
   } catch (...) {
-    throw std::runtime_error(at_fault + ": " + CurrentFault([&] { return kind.reason(config); }));
+    throw std::runtime_error(at_fault + ": " + CurrentFault(reason));
   }
 }
 

@@ -125,14 +125,25 @@ std::string DnnReason(const NetworkConfig& config) {
 std::string IeReason([[maybe_unused]] const NetworkConfig& config,
                      [[maybe_unused]] const std::string& device) {
 #if VELMORA_HAS_INFERENCE_ENGINE
+  std::string outputs;
   try {
     InferenceEngine::Core core("");
-    core.LoadNetwork(ReadIeNetwork(core, config), device, {}).CreateInferRequest().Infer();
+    const auto network = ReadIeNetwork(core, config);
+    auto request = core.LoadNetwork(network, device, {}).CreateInferRequest();
+    request.Infer();
+    for (const auto& [name, output] : network.getOutputsInfo()) {
+      outputs += (outputs.empty() ? "the outputs are \"" : "\", \"") + name;
+    }
+    for (const std::string& name : config.output_names) {
+      request.GetBlob(name);
+    }
+    return "";
   } catch (...) {
-    return CurrentFault();
+    return outputs.empty() ? CurrentFault() : outputs + "\"";
   }
-#endif
+#else
   return "";
+#endif
 }
 
 std::string TfLiteReason([[maybe_unused]] const NetworkConfig& config) {

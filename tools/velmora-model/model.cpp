@@ -45,8 +45,9 @@ void TryNetwork(Model* model) {
       model->labels.push_back(std::to_string(model->labels.size()));
     }
   } catch (...) {
-    throw std::runtime_error("the network does not fit this description: " +
-                             CurrentFault(model->engine.reason));
+    throw std::runtime_error(fmt::format("{}: the network does not fit this description: {}",
+                                         model->engine.files[0],
+                                         CurrentFault(model->engine.reason)));
   }
 }
 
