@@ -180,6 +180,9 @@ TEST_F(Program, BadInputIsOneLineAndTheOthersAreDone) {
   std::vector<unsigned char> jpeg;
   cv::imencode(".jpg", cv::Mat(300, 300, CV_8UC3, cv::Scalar(1, 99, 200)), jpeg);
   jpeg.resize(jpeg.size() / 2);
+  std::vector<unsigned char> huge;
+  cv::imencode(".bmp", cv::Mat(1, 1, CV_8UC3), huge);
+  huge[19] = huge[23] = 0x60;  // width and height, of which these are the second bytes
   const auto run = [&](const std::string& bad, const std::string& more = "--batch=2") {
     return std::vector<std::string>{"run", kModel, good, bad, more};
   };
@@ -195,6 +198,7 @@ TEST_F(Program, BadInputIsOneLineAndTheOthersAreDone) {
       {1, run(Write("empty.png", "")), "empty.png: the file is empty"},
       {1, run(Write("cut.jpg", {jpeg.begin(), jpeg.end()})), "cut.jpg: the image is cut short"},
       {1, run(Write("cut.png", Read(good).substr(0, 1500))), "cut.png: cannot be decoded"},
+      {1, run(Write("huge.bmp", {huge.begin(), huge.end()})), "24577 x 24577 pixels are more than"},
       {1, run(Write("\n\x1b\xff.png", "text")), "\\n\\x1b\\xff.png: cannot be decoded"},
       {1, run(folder_ / "none"), "none: no images in this folder"},
       {1, run("--truth", Write("t.csv", "file,label\na.png,1\na.png\n")),

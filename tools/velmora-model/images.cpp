@@ -95,6 +95,38 @@ class CodecMessages {
   int caught_;
 };
 
+// A kilobyte can claim a billion pixels. No camera takes more than this (the largest of telephones
+// 200 million), which are 0.8 GB in colour.
+constexpr double kMostPixels = 16384.0 * 16384.0;
+
+/// While there is one, a matrix of more pixels is an error. OpenCV knows an image's size from its
+/// header when it makes the matrix to decode it to; the limit of its own
+/// (OPENCV_IO_MAX_IMAGE_PIXELS) is read before main() begins, and a billion unless the user sets
+/// it.
+class PixelLimit : public cv::MatAllocator {
+ public:
+  PixelLimit() : others_(cv::Mat::getDefaultAllocator()) { cv::Mat::setDefaultAllocator(this); }
+  PixelLimit(const PixelLimit&) = delete;
+  PixelLimit& operator=(const PixelLimit&) = delete;
+  ~PixelLimit() override { cv::Mat::setDefaultAllocator(others_); }
+
+  cv::UMatData* allocate(int dims, const int* sizes, int type, void* data, std::size_t* step,
+                         cv::AccessFlag flags, cv::UMatUsageFlags usage) const override {
+    if (dims == 2 && 1.0 * sizes[0] * sizes[1] > kMostPixels) {
+      throw std::runtime_error(fmt::format("{} x {} pixels are more than the {:.0f} that are read",
+                                           sizes[1], sizes[0], kMostPixels));
+    }
+    return others_->allocate(dims, sizes, type, data, step, flags, usage);
+  }
+  bool allocate(cv::UMatData* data, cv::AccessFlag flags, cv::UMatUsageFlags usage) const override {
+    return others_->allocate(data, flags, usage);
+  }
+  void deallocate(cv::UMatData* data) const override { others_->deallocate(data); }
+
+ private:
+  cv::MatAllocator* others_;
+};
+
 /// At least one pixel, whatever the ratio of an image.
 cv::Size Scaled(const cv::Size& size, double factor) {
   return {std::max(cvRound(size.width * factor), 1), std::max(cvRound(size.height * factor), 1)};
@@ -208,6 +240,7 @@ std::vector<std::string> ListImages(const std::vector<std::string>& named, Conso
 cv::Mat ReadImage(const std::string& path, Channels channels) {
   CheckReadable(path);
   const CodecMessages messages;
+  const PixelLimit limit;
   const int flags = channels == Channels::kGray ? cv::IMREAD_GRAYSCALE : cv::IMREAD_COLOR;
   cv::Mat image = cv::imread(path, flags);
   if (image.empty()) {

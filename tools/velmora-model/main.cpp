@@ -55,7 +55,8 @@ the flags say.
 
 A FOLDER stands for the image files in it (not in its subfolders), by name. An image that is named
 twice is done once. The time is that of the network alone: reading and preparing an image is not
-in it, and an image in a batch has an equal share of the batch's time.
+in it, and an image in a batch has an equal share of the batch's time. An image whose header
+claims more than 268435456 pixels (16384 x 16384) is not decoded.
 
 Truth is a CSV file with the header "file,label". In a truth.csv, names are those of images in its
 folder. In a --truth FILE, a name with a slash is a path from FILE's folder, and one without a
