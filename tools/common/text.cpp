@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cwchar>
+#include <cwctype>
 
 namespace velmora::tool {
 
@@ -15,6 +16,17 @@ struct Character {
   int width = -1;      // columns; -1 for a character that is not printed
 };
 
+/// Columns, as wcwidth(); -1 for format characters too, which take none: they turn the direction of
+/// what is written, or hide. Accents and vowels that go over another letter take none either.
+int Columns(wchar_t code) {
+  static const std::wctype_t combining = std::wctype("combining");
+  const auto character = static_cast<std::wint_t>(code);
+  const int width = wcwidth(code);
+  return width != 0 || std::iswalpha(character) != 0 || std::iswctype(character, combining) != 0
+             ? width
+             : -1;
+}
+
 /// Takes the first character off the text.
 Character TakeCharacter(std::string_view* text) {
   std::mbstate_t state{};
@@ -22,7 +34,7 @@ Character TakeCharacter(std::string_view* text) {
   std::size_t length = std::mbrtowc(&code, text->data(), text->size(), &state);
   const bool valid = length <= text->size();  // the values for faults are the greatest there are
   length = valid ? std::max<std::size_t>(length, 1) : 1;
-  const Character character{text->substr(0, length), valid, code != 0 ? wcwidth(code) : -1};
+  const Character character{text->substr(0, length), valid, Columns(code)};
   text->remove_prefix(length);
   return character;
 }

@@ -6,8 +6,8 @@
 
 namespace velmora::tool {
 
-/// The text on one line that a terminal shows as it is: control characters and bytes that are not
-/// UTF-8 become escapes such as "\n" and "\xff".
+/// The text on one line that a terminal shows as it is: control and format characters, and
+/// bytes that are not UTF-8, become escapes such as "\n" and "\xff".
 std::string OneLine(std::string_view text);
 
 /// The columns that a text made by OneLine() takes on a terminal.
