@@ -8,7 +8,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <new>
 #include <opencv2/core.hpp>
 #include <sstream>
@@ -55,8 +54,8 @@ void CheckReadable(const std::string& path) {
 std::string ReadFile(const std::string& path) {
   CheckReadable(path);
   std::ifstream file(path, std::ios::binary);
-  std::string text{std::istreambuf_iterator<char>(file), {}};
-  if (!file || file.bad()) {
+  std::string text(std::filesystem::file_size(path), '\0');  // at once: weights are many bytes
+  if (!file.read(text.data(), static_cast<std::streamsize>(text.size()))) {
     throw std::runtime_error("cannot be read");
   }
   return text;
