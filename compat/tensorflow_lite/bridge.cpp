@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "tensorflow_lite/c_api.h"
+#include "tensorflow_lite/xnnpack_graph.h"
 
 namespace velmora::plugin::network::tflite {
 
@@ -232,7 +233,8 @@ InterpreterBuilder::InterpreterBuilder(const FlatBufferModel& model, const OpRes
 
 TfLiteStatus InterpreterBuilder::operator()(std::unique_ptr<Interpreter>* interpreter) {
   const auto& [file, model, reporter] = model_.impl();
-  auto impl = std::make_unique<Interpreter::Impl>(model.get(), reporter, MakeDelegate());
+  auto impl = std::make_unique<Interpreter::Impl>(
+      model.get(), reporter, compat::IsGraphForXnnpack(file.data()) ? MakeDelegate() : nullptr);
   if (!impl->Build() && !impl->BuildWithoutDelegate()) {
     interpreter->reset();
     return static_cast<TfLiteStatus>(1);

@@ -15,10 +15,7 @@ namespace {
 class Values {
  public:
   Values(const format::Model& model, const format::SubGraph& graph)
-      : tensors_(OrEmpty(graph.tensors())),
-        has_(tensors_.size()),
-        is_made_(tensors_.size()),
-        is_read_(tensors_.size()) {
+      : tensors_(OrEmpty(graph.tensors())), has_(tensors_.size()), is_made_(tensors_.size()) {
     const auto& buffers = OrEmpty(model.buffers());
     for (flatbuffers::uoffset_t i = 0; i < tensors_.size(); ++i) {
       if (tensors_[i]->buffer() < buffers.size()) {  // else refused by the engine
@@ -33,15 +30,8 @@ class Values {
     }
   }
 
-  /// False when there is nothing to read.
-  bool Read(std::int32_t tensor) {
-    if (IsTensor(tensor)) {
-      is_read_[static_cast<std::size_t>(tensor)] = true;
-    }
+  bool Has(std::int32_t tensor) const {
     return tensor == kNone || (IsTensor(tensor) && has_[static_cast<std::size_t>(tensor)]);
-  }
-  bool IsRead(std::int32_t tensor) const {
-    return IsTensor(tensor) && is_read_[static_cast<std::size_t>(tensor)];
   }
   bool HasOtherThanOneDimension(std::int32_t tensor) const {
     return IsTensor(tensor) &&
@@ -64,7 +54,6 @@ class Values {
   const flatbuffers::Vector<flatbuffers::Offset<format::Tensor>>& tensors_;
   std::vector<bool> has_;
   std::vector<bool> is_made_;
-  std::vector<bool> is_read_;
 };
 
 Fault LookAtStep(const Step& step, Values& values) {
@@ -73,17 +62,13 @@ Fault LookAtStep(const Step& step, Values& values) {
     // RESHAPE takes a tensor of any but one dimension for none, and another way to the shape.
     const bool is_unread = step.code() == BuiltinOperator::RESHAPE && i == 1 &&
                            values.HasOtherThanOneDimension(inputs[i]);
-    if (!values.Read(inputs[i]) && !is_unread) {
+    if (!is_unread && !values.Has(inputs[i])) {
       return fmt::format("it reads tensor {}, which has no value yet", inputs[i]);
     }
   }
   for (const std::int32_t output : step.outputs()) {
     if (values.IsMade(output)) {
       return fmt::format("it writes tensor {}, which has its value already", output);
-    }
-    // A graph of which XNNPACK takes a part is sorted by what makes and what reads a tensor.
-    if (values.IsRead(output)) {
-      return fmt::format("it writes tensor {}, which was read before", output);
     }
     values.Make(output);
   }

@@ -9,8 +9,8 @@ namespace velmora::plugin::network::compat {
 
 /// Refuses what the engine, with XNNPACK as its C++ API applies it, does not survive, and nothing
 /// that it runs:
-///   - a tensor that two operators make, that is made although the file has its value or something
-///     has read it, or that is read before it is made;
+///   - a tensor that two operators make, that is made although the file has its value, or that is
+///     read before it is made;
 ///   - a first input of the model that has its value in the file, and so in memory that cannot be
 ///     written; its further inputs are never fed;
 ///   - fewer inputs or outputs than an operator has; a missing output, or a missing input that the

@@ -121,8 +121,12 @@ Fault LookAtScales(const Step& step) {
   return {};
 }
 
-/// A convolution's strides and dilations, for which the engine has 16 bits.
-Fault LookAtStrides(const Step& step, std::initializer_list<std::int32_t> steps) {
+/// A convolution's padding, and its strides and dilations, for which the engine has 16 bits.
+Fault LookAtConvolution(const Step& step, format::Padding padding,
+                        std::initializer_list<std::int32_t> steps) {
+  if (padding != format::Padding::SAME && padding != format::Padding::VALID) {
+    return "its padding must be SAME or VALID";
+  }
   if (std::min(steps) < 1 || std::max(steps) > INT16_MAX) {
     return fmt::format("its strides and dilations must be 1 to {}", INT16_MAX);
   }
@@ -131,10 +135,13 @@ Fault LookAtStrides(const Step& step, std::initializer_list<std::int32_t> steps)
     return "its weights are empty";
   }
   const std::vector<std::int64_t> input = Step::ShapeOf(step.Input(0));
-  return step.code() == BuiltinOperator::CONV_2D && weights.size() == 4 && input.size() == 4 &&
-                 input[3] / weights[3] > weights[0]
-             ? "it has more groups of channels than outputs"
-             : "";
+  if (step.code() != BuiltinOperator::CONV_2D || weights.size() != 4 || input.size() != 4) {
+    return {};
+  }
+  if (std::count(input.begin() + 1, input.end(), 0) != 0) {
+    return "its input is empty";
+  }
+  return input[3] / weights[3] > weights[0] ? "it has more groups of channels than outputs" : "";
 }
 
 /// Options of another kind than the operator's are none to the engine.
@@ -143,17 +150,20 @@ Fault LookAtOptions(const Step& step) {
   const BuiltinOperator code = step.code();
   if (const auto* const conv = table.builtin_options_as_Conv2DOptions();
       code == BuiltinOperator::CONV_2D && conv != nullptr) {
-    return LookAtStrides(step, {conv->stride_w(), conv->stride_h(), conv->dilation_w_factor(),
-                                conv->dilation_h_factor()});
+    return LookAtConvolution(
+        step, conv->padding(),
+        {conv->stride_w(), conv->stride_h(), conv->dilation_w_factor(), conv->dilation_h_factor()});
   }
   if (const auto* const depthwise = table.builtin_options_as_DepthwiseConv2DOptions();
       code == BuiltinOperator::DEPTHWISE_CONV_2D && depthwise != nullptr) {
-    return LookAtStrides(step, {depthwise->stride_w(), depthwise->stride_h(),
-                                depthwise->dilation_w_factor(), depthwise->dilation_h_factor()});
+    return LookAtConvolution(step, depthwise->padding(),
+                             {depthwise->stride_w(), depthwise->stride_h(),
+                              depthwise->dilation_w_factor(), depthwise->dilation_h_factor()});
   }
   if (const auto* const transposed = table.builtin_options_as_TransposeConvOptions();
       code == BuiltinOperator::TRANSPOSE_CONV && transposed != nullptr) {
-    return LookAtStrides(step, {transposed->stride_w(), transposed->stride_h()});
+    return LookAtConvolution(step, transposed->padding(),
+                             {transposed->stride_w(), transposed->stride_h()});
   }
   if (const auto* const pool = table.builtin_options_as_Pool2DOptions();
       (code == BuiltinOperator::AVERAGE_POOL_2D || code == BuiltinOperator::MAX_POOL_2D ||

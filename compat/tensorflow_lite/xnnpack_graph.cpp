@@ -1,0 +1,73 @@
+#include "tensorflow_lite/xnnpack_graph.h"
+
+#include <algorithm>
+#include <vector>
+
+#include "tensorflow_lite/step.h"
+
+namespace velmora::plugin::network::compat {
+
+namespace {
+
+/// A set of a graph's tensors.
+class Tensors {
+ public:
+  explicit Tensors(std::size_t count) : has_(count) {}
+  /// False when one is no tensor.
+  bool Add(const Indices& tensors) {
+    bool are_tensors = true;
+    for (const std::int32_t tensor : tensors) {
+      if (IsTensor(tensor)) {
+        has_[static_cast<std::size_t>(tensor)] = true;
+      } else {
+        are_tensors = false;
+      }
+    }
+    return are_tensors;
+  }
+  bool HasAnyOf(const Indices& tensors) const {
+    return std::any_of(tensors.begin(), tensors.end(), [this](std::int32_t tensor) {
+      return IsTensor(tensor) && has_[static_cast<std::size_t>(tensor)];
+    });
+  }
+
+ private:
+  bool IsTensor(std::int32_t tensor) const {
+    return static_cast<std::uint32_t>(tensor) < has_.size();
+  }
+  std::vector<bool> has_;
+};
+
+bool IsForXnnpack(const format::SubGraph& graph) {
+  const auto& steps = OrEmpty(graph.operators());
+  Tensors read(OrEmpty(graph.tensors()).size());
+  for (const auto* const step : steps) {
+    read.Add(OrEmpty(step->inputs()));
+    if (read.HasAnyOf(OrEmpty(step->outputs()))) {
+      return false;
+    }
+  }
+  Tensors used(OrEmpty(graph.tensors()).size());
+  if (!used.Add(OrEmpty(graph.outputs()))) {
+    return false;  // the engine takes none of them then
+  }
+  for (flatbuffers::uoffset_t i = steps.size(); i > 0; --i) {
+    const Indices& outputs = OrEmpty(steps[i - 1]->outputs());
+    if (outputs.size() == 0 || used.HasAnyOf(outputs)) {
+      used.Add(OrEmpty(steps[i - 1]->inputs()));
+    } else if (read.HasAnyOf(outputs)) {
+      return false;
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
+bool IsGraphForXnnpack(const char* data) {
+  const auto& graphs = OrEmpty(format::GetModel(data)->subgraphs());
+  return std::all_of(graphs.begin(), graphs.end(),
+                     [](const format::SubGraph* graph) { return IsForXnnpack(*graph); });
+}
+
+}  // namespace velmora::plugin::network::compat
