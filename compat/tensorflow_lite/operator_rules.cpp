@@ -135,13 +135,10 @@ Fault LookAtConvolution(const Step& step, format::Padding padding,
     return "its weights are empty";
   }
   const std::vector<std::int64_t> input = Step::ShapeOf(step.Input(0));
-  if (step.code() != BuiltinOperator::CONV_2D || weights.size() != 4 || input.size() != 4) {
-    return {};
-  }
-  if (std::count(input.begin() + 1, input.end(), 0) != 0) {
-    return "its input is empty";
-  }
-  return input[3] / weights[3] > weights[0] ? "it has more groups of channels than outputs" : "";
+  return step.code() == BuiltinOperator::CONV_2D && weights.size() == 4 && input.size() == 4 &&
+                 input[3] / weights[3] > weights[0]
+             ? "it has more groups of channels than outputs"
+             : "";
 }
 
 /// Options of another kind than the operator's are none to the engine.
