@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <json/json.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -19,10 +20,12 @@ namespace {
 namespace fs = std::filesystem;
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kRunsInferenceEngine = false;  // see no_deepbind.cpp
+constexpr bool kSanitized = true;
 #else
-constexpr bool kRunsInferenceEngine = VELMORA_HAS_INFERENCE_ENGINE;
+constexpr bool kSanitized = false;
 #endif
+constexpr bool kRunsInferenceEngine =
+    VELMORA_HAS_INFERENCE_ENGINE && !kSanitized;  // see no_deepbind.cpp
 
 const fs::path kSample = VELMORA_SAMPLE_MODEL;
 const fs::path kModel = kSample / "model.json";
@@ -78,6 +81,15 @@ class Program : public testing::Test {
     text.replace(text.find(from), from.size(), to);
     text = std::regex_replace(text, std::regex("\"(digits[-.])"), "\"" + kSample.string() + "/$1");
     return Write("model-" + std::to_string(++changed_models_) + ".json", text);
+  }
+
+  /// A MODEL.json of the sample's Caffe form, without labels.
+  std::string Unlabelled(const std::string& output) {
+    return Write(output + ".json", R"({"network": {"enable_dnn": true, "dnn_binary_path": ")" +
+                                       (kSample / "digits-binary.caffemodel").string() +
+                                       R"(", "output_names": [")" + output +
+                                       R"("]}, "image": {"width": 24, "height": 32, )" +
+                                       R"("channels": "rgb"}})");
   }
 
   const fs::path folder_ =
@@ -217,6 +229,10 @@ TEST_F(Program, BadInputIsOneLineAndTheOthersAreDone) {
       {3, load("24", "\"24\""), "image.width: expected a positive integer"},
       {3, load("\"prob", "\"gone"), "digits.prototxt: the network does not fit"},
       {3, load("\"9\"", "\"9\", \"10\""), "has 10 values, and there are 11 labels"},
+      {3,
+       {"run", Unlabelled("score"), good},
+       "which are no probabilities; \"velmora-model outputs\""},
+      {1, {"outputs", kModel, good, "--save", kModel}, "model.json: Not a directory"},
       {3, load("\"enable_dnn\": true", "\"enable_dnn\": false"), "enable_dnn"},
       {3, load("digits.caffemodel", "gone.bin"), "gone.bin: No such file"},
       {3, load("digits.prototxt", "a.json"), "a.json, "},
@@ -288,6 +304,61 @@ TEST_F(Program, SaysWhyAModelIsRefused) {
     EXPECT_EQ(finished.status, 3);
     EXPECT_THAT(finished.error, testing::HasSubstr(fault));
   }
+}
+
+TEST_F(Program, ShowsAndSavesOutputsAsTheyAre) {
+  const Json::Value reference = Parse(Read(kSample / "reference.json"))["prob"];
+  const auto save = [&](const std::string& backend) {
+    return Run({"outputs", kModel, kImages / "0000.png", kImages / "0001.png", "--backend", backend,
+                "--save", folder_ / backend, "--json"});
+  };
+  for (const std::string backend : {"dnn", "ie", "tflite"}) {
+    if ((backend == "ie" && !kRunsInferenceEngine) ||
+        (backend == "tflite" && !VELMORA_HAS_TENSORFLOW_LITE)) {
+      continue;
+    }
+    SCOPED_TRACE(backend);
+    const Json::Value image = Parse(save(backend).output)["images"][1];
+    const std::string npy = Read(folder_ / backend / "0001.prob.npy");
+    EXPECT_EQ(image["outputs"][0]["saved"].asString(), folder_ / backend / "0001.prob.npy");
+    ASSERT_THAT(npy, testing::StartsWith(std::string("\x93NUMPY\x01\0\x76\0{'descr': '<f4', "
+                                                     "'fortran_order': False, "
+                                                     "'shape': (1, 10), }",
+                                                     69)));
+    ASSERT_EQ(npy.size(), 128u + 10 * sizeof(float));
+    float sum = 0;
+    float greatest = 0;
+    for (Json::ArrayIndex k = 0; k < 10; ++k) {
+      float value = 0;
+      npy.copy(reinterpret_cast<char*>(&value), sizeof value, 128 + k * sizeof value);
+      EXPECT_NEAR(value, reference[1][k].asDouble(), 1e-4);
+      sum += value;
+      greatest = std::max(greatest, value);
+    }
+    EXPECT_FLOAT_EQ(image["outputs"][0]["mean"].asFloat(), sum / 10);
+    EXPECT_FLOAT_EQ(image["outputs"][0]["greatest"].asFloat(), greatest);
+  }
+
+  // Nothing is written through a link, and a FIFO is not waited for.
+  const std::string other = Write("other", "as it was");
+  fs::remove(folder_ / "dnn/0000.prob.npy");
+  fs::create_symlink(other, folder_ / "dnn/0000.prob.npy");
+  fs::remove(folder_ / "dnn/0001.prob.npy");
+  ASSERT_EQ(mkfifo((folder_ / "dnn/0001.prob.npy").c_str(), 0600), 0);
+  const Finished refused = save("dnn");
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_THAT(refused.error,
+              testing::ContainsRegex("0000.prob.npy: is a link\n.*1.prob.npy: is not"));
+  EXPECT_EQ(Read(other), "as it was");
+}
+
+TEST_F(Program, ShowsValuesThatAreNoProbabilitiesAsValues) {
+  const Finished finished = Run({"run", Changed("\"prob\"", "\"score\""), kImages, "--json"});
+  EXPECT_EQ(finished.status, 0);
+  EXPECT_EQ(std::count(finished.error.begin(), finished.error.end(), '\n'), 1) << finished.error;
+  const Json::Value report = Parse(finished.output);
+  EXPECT_GT(report["images"][0]["answers"][0]["value"].asDouble(), 1);
+  EXPECT_GE(report["accuracy"]["ratio"].asDouble(), 0.97);
 }
 
 TEST_F(Program, TellsWhichEngineAndWhy) {

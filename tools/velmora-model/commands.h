@@ -38,9 +38,18 @@ struct CompareOptions {
   bool json = false;
 };
 
+struct OutputsOptions {
+  std::string model;
+  std::vector<std::string> images;
+  std::optional<Backend> backend;  // none for the factory's choice
+  bool json = false;
+  std::string save;  // folder; empty for none
+};
+
 int Run(const RunOptions& options);
 int Bench(const BenchOptions& options);
 int Compare(const CompareOptions& options);
+int Outputs(const OutputsOptions& options);
 int BenchTranscode(const BenchOptions& options);
 
 }  // namespace velmora::tool

@@ -4,6 +4,7 @@
 #include <unistd.h>
 #include <velmora/plugin/network/base_network.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -68,6 +69,17 @@ std::string Squeeze(const std::string& text) {
     squeezed += (squeezed.empty() ? "" : " ") + word;
   }
   return squeezed;
+}
+
+bool WriteAll(int file, std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t count = write(file, bytes.data(), bytes.size());
+    if (count < 0 && errno != EINTR) {
+      return false;
+    }
+    bytes.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+  }
+  return true;
 }
 
 std::string CurrentFault(const std::function<std::string()>& reason) {

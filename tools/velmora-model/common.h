@@ -3,6 +3,7 @@
 
 #include <functional>
 #include <string>
+#include <string_view>
 
 #include "common/console.h"
 #include "common/text.h"
@@ -18,6 +19,9 @@ std::string ReadFile(const std::string& path);
 
 /// All white space as single blanks: engines write their messages over several lines.
 std::string Squeeze(const std::string& text);
+
+/// Writes all of it; otherwise false, with errno.
+bool WriteAll(int file, std::string_view bytes);
 
 /// The exception that is being handled, whatever its type, as one short line. What `reason`
 /// tells is added where it is not said already: the library's own texts are fixed ones.

@@ -155,8 +155,12 @@ void PrintTables(const std::vector<Runs>& engines, const std::vector<Difference>
 
 int Compare(const CompareOptions& options) {
   Console console;
-  const std::vector<Model> models =
-      LoadEveryForm(options.model, [&](const std::string& why) { console.Say(why); });
+  std::vector<Model> models;
+  for (const Form& form :
+       ListForms(options.model, [&](const std::string& why) { console.Say(why); })) {
+    models.push_back(LoadForm(options.model, form, Use::kAnswer));
+    SayWarning(models.back(), &console);
+  }
   if (models.size() < 2) {
     throw ModelError(options.model + ": fewer than two forms of it run here");
   }

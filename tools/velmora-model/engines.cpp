@@ -35,6 +35,7 @@ struct Kind {
   std::unique_ptr<BaseNetwork> (*make)(const NetworkConfig& config);
   InputShape (*input)(const NetworkConfig& config);
   std::string (*reason)(const NetworkConfig& config);  // why it does not load
+  ShapeReader (*outputs)(const NetworkConfig& config);
 };
 
 template <typename Network>
@@ -87,16 +88,16 @@ constexpr Kind kKinds[] = {
     {Backend::kIe, "ie", "Inference Engine",
      "Inference Engine (OpenVINO " VELMORA_OPENVINO_VERSION ")", "enable_ie",
      &NetworkConfig::enable_ie, plugin::platform::IsSupportedIENetwork,
-     "ie_cpu_xml_path and ie_cpu_bin_path", CpuPair, Make<IeNetwork>, IeInput,
-     IeReasonOnEachDevice},
+     "ie_cpu_xml_path and ie_cpu_bin_path", CpuPair, Make<IeNetwork>, IeInput, IeReasonOnEachDevice,
+     IeOutputs},
     {Backend::kTfLite, "tflite", "TensorFlow Lite",
      "TensorFlow Lite " VELMORA_TENSORFLOW_LITE_VERSION, "enable_tflite",
      &NetworkConfig::enable_tflite, plugin::platform::IsSupportedTFLiteNetwork, "tflite_model_path",
-     TfLiteFiles, Make<TfLiteNetwork>, TfLiteInput, TfLiteReason},
+     TfLiteFiles, Make<TfLiteNetwork>, TfLiteInput, TfLiteReason, TfLiteOutputs},
     {Backend::kDnn, "dnn", "OpenCV dnn", "OpenCV dnn " CV_VERSION, "enable_dnn",
      &NetworkConfig::enable_dnn, [] { return true; },
      "dnn_binary_path, or dnn_prototxt_path and dnn_caffemodel_path", DnnFiles, Make<DnnNetwork>,
-     DnnInput, DnnReason}};
+     DnnInput, DnnReason, DnnOutputs}};
 
 /// Calls `make` for a model that has such a form; an error names the file.
 template <typename Make>
@@ -130,6 +131,7 @@ std::string WhyCpu(const NetworkConfig& config, const BaseNetwork& network) {
 Engine Describe(const Kind& kind, const NetworkConfig& config, std::unique_ptr<BaseNetwork> network,
                 std::vector<std::string> reasons) {
   Engine engine;
+  engine.backend = kind.backend;
   engine.id = kind.id;
   engine.name = kind.name_and_version;
   engine.outputs = config.output_names;
@@ -146,6 +148,11 @@ Engine Describe(const Kind& kind, const NetworkConfig& config, std::unique_ptr<B
   engine.files = kind.files(used);
   engine.input = kind.input(used);
   engine.reason = [&kind, config] { return kind.reason(config); };
+  // Read when they are asked for: most commands never do.
+  engine.output_shapes = [&kind, used, read = ShapeReader()](const cv::Mat& image) mutable {
+    read = read ? read : kind.outputs(used);
+    return read(image);
+  };
   engine.why = fmt::format("{}", fmt::join(reasons, "; "));
   engine.network = std::move(network);
   return engine;
@@ -206,9 +213,9 @@ Engine MakeEngine(const NetworkConfig& config, std::optional<Backend> backend) {
   throw std::runtime_error(fmt::format("{}", fmt::join(reasons, "; ")));
 }
 
-std::vector<Engine> MakeEveryEngine(const NetworkConfig& config,
-                                    const std::function<void(const std::string&)>& left_out) {
-  std::vector<Engine> engines;
+std::vector<Form> ListForms(const NetworkConfig& config,
+                            const std::function<void(const std::string&)>& left_out) {
+  std::vector<Form> forms;
   for (const Kind& kind : kKinds) {
     if (kind.files(config).empty()) {
       continue;
@@ -219,15 +226,20 @@ std::vector<Engine> MakeEveryEngine(const NetworkConfig& config,
     }
     NetworkConfig one = config;
     one.ie_gpu_xml_path = one.ie_gpu_bin_path = "";
-    engines.push_back(MakeNamed(kind, one));
+    forms.push_back({kind.id, kind.name_and_version, kind.backend, one});
     if (kind.backend == Backend::kIe && !GpuPair(config).empty()) {
       // This pair whatever the device: the GPU may be in use, or there may be none.
-      engines.push_back(MakeNamed(kind, WithGpuPair(config)));
-      engines.back().id = "ie-gpu";
-      engines[engines.size() - 2].id = "ie-cpu";
+      forms.back().id = "ie-cpu";
+      forms.push_back({"ie-gpu", kind.name_and_version, kind.backend, WithGpuPair(config)});
     }
   }
-  return engines;
+  return forms;
+}
+
+Engine MakeEngine(const Form& form) {
+  Engine engine = MakeNamed(KindOf(form.backend), form.config);
+  engine.id = form.id;
+  return engine;
 }
 
 }  // namespace velmora::tool

@@ -19,6 +19,7 @@ enum class Backend { kDnn, kIe, kTfLite };
 /// A network and what there is to tell of it.
 struct Engine {
   std::unique_ptr<plugin::network::BaseNetwork> network;
+  Backend backend = Backend::kDnn;
   std::string id;    // short: "dnn", "ie", "tflite"; "ie-cpu" and "ie-gpu" for one pair of the two
   std::string name;  // with the version
   std::function<std::string()> device = [] { return "CPU"; };  // that the network is on now
@@ -26,7 +27,8 @@ struct Engine {
   std::vector<std::string> files;  // that the network was loaded from
   InputShape input;
   std::function<std::string()> reason;  // why it does not run, see inputs.h
-  std::vector<std::string> outputs;     // keys of the network's maps, in the order of output_names
+  ShapeReader output_shapes;
+  std::vector<std::string> outputs;  // keys of the network's maps, in the order of output_names
 };
 
 /// Which engine, which device and why, for the user to read.
@@ -36,9 +38,20 @@ std::string EngineLines(const Engine& engine);
 /// Throws std::runtime_error, with the files at fault, when there is none.
 Engine MakeEngine(const plugin::network::NetworkConfig& config, std::optional<Backend> backend);
 
-/// One engine for each form that the model has, whatever its flags say; the pairs of the Inference
-/// Engine count as two. `left_out` is told of a form whose engine this machine does not support.
-std::vector<Engine> MakeEveryEngine(const plugin::network::NetworkConfig& config,
-                                    const std::function<void(const std::string&)>& left_out);
+/// A form that the model has, without its network.
+struct Form {
+  std::string id;  // as that of the engine
+  std::string engine;
+  Backend backend;
+  plugin::network::NetworkConfig config;  // of this form alone
+};
+
+/// The forms that the model has, whatever its flags say; the pairs of the Inference Engine count as
+/// two. `left_out` is told of a form whose engine this machine does not support.
+std::vector<Form> ListForms(const plugin::network::NetworkConfig& config,
+                            const std::function<void(const std::string&)>& left_out);
+
+/// Its engine; throws as MakeEngine().
+Engine MakeEngine(const Form& form);
 
 }  // namespace velmora::tool

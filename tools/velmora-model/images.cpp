@@ -3,17 +3,15 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cmath>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
+#include <set>
 #include <sstream>
 #include <stdexcept>
 #include <string_view>
@@ -317,15 +315,7 @@ std::map<std::string, std::string> FindTruth(const std::vector<std::string>& ima
 }
 
 Annotator::Annotator(std::string folder, const std::vector<std::string>& images)
-    : folder_(std::move(folder)) {
-  fs::create_directories(folder_);
-  for (const std::string& image : images) {
-    struct stat status {};
-    if (stat(image.c_str(), &status) == 0) {
-      images_.emplace(status.st_dev, status.st_ino);
-    }
-  }
-}
+    : folder_(std::move(folder), images) {}
 
 void Annotator::Write(const std::string& path, const cv::Mat& image,
                       const std::vector<std::string>& lines, const cv::Scalar& colour) {
@@ -358,36 +348,12 @@ void Annotator::Write(const std::string& path, const cv::Mat& image,
                 cv::LINE_AA);
   }
 
-  fs::path name = fs::path(path).filename();
-  if (LowerExtension(name) != ".png") {
-    name += ".png";
-  }
-  fs::path target = fs::path(folder_) / name;
-  for (int number = 2; !written_.insert(target.string()).second; ++number) {
-    target.replace_filename(
-        fmt::format("{}-{}{}", name.stem().string(), number, name.extension().string()));
-  }
-  struct stat status {};
-  if (stat(target.c_str(), &status) == 0 && images_.contains({status.st_dev, status.st_ino})) {
-    throw std::runtime_error(fmt::format("not annotated: {} is an input image", target.string()));
-  }
-
-  std::vector<unsigned char> png;
-  cv::imencode(".png", canvas, png);
-  errno = 0;
-  std::ofstream file(target, std::ios::binary);
-  const bool opened = file.is_open();
-  file.write(reinterpret_cast<const char*>(png.data()), static_cast<std::streamsize>(png.size()));
-  file.close();
-  if (!file) {
-    const std::string fault =
-        fmt::format("not annotated: {}: {}", target.string(), std::strerror(errno));
-    if (opened) {
-      std::error_code ignored;
-      fs::remove(target, ignored);
-    }
-    throw std::runtime_error(fault);
-  }
+  const fs::path name = fs::path(path).filename();
+  const bool is_png = LowerExtension(name) == ".png";
+  std::vector<unsigned char> bytes;
+  cv::imencode(".png", canvas, bytes);
+  folder_.Write((is_png ? name.stem() : name).string(), is_png ? name.extension().string() : ".png",
+                {reinterpret_cast<const char*>(bytes.data()), bytes.size()});
 }
 
 }  // namespace velmora::tool

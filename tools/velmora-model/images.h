@@ -4,13 +4,12 @@
 
 #include <map>
 #include <opencv2/core.hpp>
-#include <set>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "common.h"
 #include "model.h"
+#include "output_folder.h"
 
 namespace velmora::tool {
 
@@ -41,15 +40,12 @@ class Annotator {
   /// Makes the folder if it is missing. Throws std::filesystem::filesystem_error.
   Annotator(std::string folder, const std::vector<std::string>& images);
 
-  /// Names of images from different folders are told apart by a number. Throws std::runtime_error
-  /// when the picture cannot be written, or when it would replace one of the images.
+  /// Throws as OutputFolder::Write() does.
   void Write(const std::string& path, const cv::Mat& image, const std::vector<std::string>& lines,
              const cv::Scalar& colour);
 
  private:
-  std::string folder_;
-  std::set<std::pair<std::uint64_t, std::uint64_t>> images_;  // device and inode
-  std::set<std::string> written_;
+  OutputFolder folder_;
 };
 
 }  // namespace velmora::tool

@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <limits>
 #include <memory>
+#include <numeric>
+#include <opencv2/dnn.hpp>
 #include <string>
 
 #include "common.h"
@@ -75,6 +77,25 @@ class Words : public tflite::ErrorReporter {
  private:
   std::string said_;
 };
+
+namespace format = compat::format;
+
+/// The shape of the model's first input or output; empty where there is none.
+template <typename List>
+std::vector<int> FirstTensor(const NetworkConfig& config, List list) {
+  const std::string file = ReadFile(config.tflite_model_path);
+  flatbuffers::Verifier verifier(reinterpret_cast<const std::uint8_t*>(file.data()), file.size());
+  if (!format::VerifyModelBuffer(verifier)) {
+    return {};
+  }
+  const format::SubGraph& graph = *format::GetModel(file.data())->subgraphs()->Get(0);
+  const auto* const tensors = (graph.*list)();
+  if (tensors == nullptr || tensors->size() == 0 || tensors->Get(0) < 0) {
+    return {};
+  }
+  const auto* const shape = graph.tensors()->Get(static_cast<unsigned>(tensors->Get(0)))->shape();
+  return shape == nullptr ? std::vector<int>() : std::vector<int>(shape->begin(), shape->end());
+}
 #endif
 
 }  // namespace
@@ -97,19 +118,7 @@ InputShape IeInput([[maybe_unused]] const NetworkConfig& config) {
 
 InputShape TfLiteInput([[maybe_unused]] const NetworkConfig& config) {
 #if VELMORA_HAS_TENSORFLOW_LITE
-  namespace format = plugin::network::compat::format;
-  const std::string file = ReadFile(config.tflite_model_path);
-  flatbuffers::Verifier verifier(reinterpret_cast<const std::uint8_t*>(file.data()), file.size());
-  if (!format::VerifyModelBuffer(verifier)) {
-    return {};
-  }
-  const format::SubGraph& graph = *format::GetModel(file.data())->subgraphs()->Get(0);
-  const auto* const inputs = graph.inputs();
-  if (inputs == nullptr || inputs->size() == 0 || inputs->Get(0) < 0) {
-    return {};
-  }
-  const auto* const shape = graph.tensors()->Get(static_cast<unsigned>(inputs->Get(0)))->shape();
-  return shape == nullptr ? InputShape() : ShapeOf(*shape, true);
+  return ShapeOf(FirstTensor(config, &format::SubGraph::inputs), true);
 #else
   return {};
 #endif
@@ -164,6 +173,58 @@ std::string TfLiteReason([[maybe_unused]] const NetworkConfig& config) {
 #else
   return "";
 #endif
+}
+
+std::size_t Product(const std::vector<std::size_t>& shape) {
+  return std::accumulate(shape.begin(), shape.end(), std::size_t{1}, std::multiplies<>());
+}
+
+ShapeReader DnnOutputs(const NetworkConfig& config) {
+  namespace engine = plugin::network;
+  return [config, net = engine::cv::dnn::Net()](const cv::Mat& image) mutable {
+    if (net.empty()) {
+      net = engine::cv::dnn::Net(
+          config.dnn_binary_path.empty()
+              ? engine::compat::ReadCaffePair(config.dnn_prototxt_path, config.dnn_caffemodel_path)
+              : engine::compat::ReadCaffeBinary(config.dnn_binary_path));
+    }
+    net.setBlob(".data", engine::cv::dnn::Blob::fromImages(image));
+    net.forward();
+    OutputShapes shapes;
+    for (const std::string& name : config.output_names) {
+      const engine::cv::dnn::Blob blob = net.getBlob(name);
+      blob.updateMat();
+      const cv::MatSize& sizes = blob.matRefConst().size;
+      shapes[name].assign(sizes.p, sizes.p + sizes.dims());
+    }
+    return shapes;
+  };
+}
+
+ShapeReader IeOutputs([[maybe_unused]] const NetworkConfig& config) {
+  OutputShapes shapes;
+#if VELMORA_HAS_INFERENCE_ENGINE
+  InferenceEngine::Core core("");
+  auto request = core.LoadNetwork(ReadIeNetwork(core, config), "CPU", {}).CreateInferRequest();
+  for (const std::string& name : config.output_names) {
+    shapes[name] = request.GetBlob(name)->getTensorDesc().getDims();
+    if (!shapes[name].empty()) {
+      shapes[name][0] /= config.batch_size;  // as the library cuts a batch's values
+    }
+  }
+#endif
+  return [shapes](const cv::Mat&) { return shapes; };
+}
+
+ShapeReader TfLiteOutputs([[maybe_unused]] const NetworkConfig& config) {
+  OutputShapes shapes;
+#if VELMORA_HAS_TENSORFLOW_LITE
+  const std::vector<int> shape = FirstTensor(config, &format::SubGraph::outputs);
+  if (std::all_of(shape.begin(), shape.end(), [](int size) { return size >= 0; })) {
+    shapes["output"].assign(shape.begin(), shape.end());
+  }
+#endif
+  return [shapes](const cv::Mat&) { return shapes; };
 }
 
 }  // namespace velmora::tool

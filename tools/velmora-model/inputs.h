@@ -1,10 +1,14 @@
-// What the library keeps to itself: the size of a network's input, and why an engine does not take
-// a model. The one place of the program that asks the engines themselves.
+// What the library keeps to itself: the sizes of a network's input and outputs, and why an engine
+// does not take a model. The one place of the program that asks the engines themselves.
 #pragma once
 
 #include <velmora/plugin/network/network_config.h>
 
+#include <functional>
+#include <map>
+#include <opencv2/core.hpp>
 #include <string>
+#include <vector>
 
 namespace velmora::tool {
 
@@ -28,5 +32,22 @@ InputShape TfLiteInput(const plugin::network::NetworkConfig& config);
 std::string DnnReason(const plugin::network::NetworkConfig& config);
 std::string IeReason(const plugin::network::NetworkConfig& config, const std::string& device);
 std::string TfLiteReason(const plugin::network::NetworkConfig& config);
+
+/// Shapes by the keys of the network's maps, without those that the engine does not tell.
+using OutputShapes = std::map<std::string, std::vector<std::size_t>>;
+
+/// How many values a shape has.
+std::size_t Product(const std::vector<std::size_t>& shape);
+
+/// Tells the shapes of the outputs for an image, which is a prepared one. They may not be those of
+/// what the network returned: TensorFlow Lite hands over a part.
+using ShapeReader = std::function<OutputShapes(const cv::Mat& image)>;
+
+/// Each for a form that its backend has loaded; they load it once more, but for TensorFlow Lite's.
+/// OpenCV tells a shape only when it has run, and so runs the network for each image; the others
+/// leave out, or give as none, an output whose shape a run decides.
+ShapeReader DnnOutputs(const plugin::network::NetworkConfig& config);
+ShapeReader IeOutputs(const plugin::network::NetworkConfig& config);
+ShapeReader TfLiteOutputs(const plugin::network::NetworkConfig& config);
 
 }  // namespace velmora::tool

@@ -62,8 +62,13 @@ Truth is a CSV file with the header "file,label". In a truth.csv, names are thos
 folder. In a --truth FILE, a name with a slash is a path from FILE's folder, and one without a
 slash is any image of that name. Images whose truth is unknown are left out of the accuracy.
 
+Values outside 0 to 1 are no probabilities. With labels in MODEL.json they are shown as values, and a
+warning says so. Without labels it is an error: the network may be a detector, say, whose values
+"velmora-model outputs" shows.
+
 Annotated images are PNG files: the image, enlarged if it is tiny, with its answers below it, in
-green when right and red when wrong. They never replace an input image.
+green when right and red when wrong. They never replace an input image, and are not written through
+a link.
 )";
 
 constexpr char kRunExamples[] = R"(Examples:
@@ -105,6 +110,17 @@ constexpr char kCompareStatusHelp[] = R"(Exit status:
   1  they are not, or something could not be done, as standard error says
   2  wrong usage
   3  the model could not be loaded, or has fewer than two forms that run here)";
+
+constexpr char kOutputsHelp[] = R"(
+For networks whose answer is not one probability for each label: detectors, segmenters, embedders.
+MODEL.json needs no labels. For each image and each of output_names there are printed how many
+values it has, the least, the mean and the greatest of those that are finite, how many are not, and
+the shape where the engine tells it (else one dimension).
+
+A saved output is FOLDER/IMAGE.OUTPUT.npy, for NumPy: 32-bit floats in C order. What is not
+a letter, digit, ".", "-" or "_" in the output's name becomes "_". A link is not followed, and an
+input image not replaced. With a batch_size above 1 the network is given so many images at a time.
+)";
 
 /// The program tells of a failure in one line of its own; the engines would add theirs.
 void SilenceEngines() {
@@ -179,6 +195,16 @@ int RunProgram(std::vector<std::string> arguments) {
   compare_command->add_flag("--json", compare.json, "Print one JSON document instead of tables");
   compare_command->footer(fmt::format("{}\n{}", kCompareHelp, kCompareStatusHelp));
 
+  OutputsOptions outputs;
+  CLI::App* const outputs_command =
+      app.add_subcommand("outputs", "Show all that a network gives for images");
+  add(outputs_command, "MODEL.json", &outputs.model, "", "Description of the model")->required();
+  add(outputs_command, "IMAGE|FOLDER", &outputs.images, "", "Images to run")->required();
+  add_backend(outputs_command, &outputs.backend);
+  outputs_command->add_flag("--json", outputs.json, "Print one JSON document instead of a table");
+  add(outputs_command, "--save", &outputs.save, "FOLDER", "Write each output there as .npy");
+  outputs_command->footer(fmt::format("{}\n{}", kOutputsHelp, kStatusHelp));
+
   // The parser takes "[a]" for a list.
   for (std::string& argument : arguments) {
     if (argument == "--") {
@@ -206,6 +232,9 @@ int RunProgram(std::vector<std::string> arguments) {
   }
   if (compare_command->parsed()) {
     return Compare(compare);
+  }
+  if (outputs_command->parsed()) {
+    return Outputs(outputs);
   }
   const bool measures_runs = bench_command->count("--iterations") > 0 ||
                              bench_command->count("--warmup") > 0 ||

@@ -1,8 +1,11 @@
 #include "model.h"
 
-#include <fmt/format.h>
+#include <fmt/ranges.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cmath>
+#include <numeric>
 
 #include "common.h"
 #include "description.h"
@@ -32,17 +35,60 @@ void CheckInput(const Model& model) {
                   model.engine.files[0], say(input.width, input.height, input.channels)));
 }
 
+void CheckCount(const Model& model, std::size_t count) {
+  if (count == 0 || (!model.labels.empty() && count != model.labels.size())) {
+    throw std::runtime_error(fmt::format("output \"{}\" has {} values, and there are {} labels",
+                                         model.engine.outputs[0], count, model.labels.size()));
+  }
+}
+
+/// Nobody says that the answers of a network without labels are such: it may be a detector.
+void CheckUnlabelled(const Model& model, const cv::Mat& image, const std::vector<float>& values) {
+  std::string why = WhyNoProbabilities(model, values);
+  if (why.empty() && std::abs(std::accumulate(values.begin(), values.end(), -1.0)) > 0.01) {
+    OutputShapes shapes = model.engine.output_shapes(image);
+    const std::vector<std::size_t>& shape = shapes[model.engine.outputs[0]];
+    if (std::count_if(shape.begin(), shape.end(), [](std::size_t size) { return size > 1; }) > 1) {
+      why =
+          fmt::format("the values of output \"{}\" are {}, and not one probability for each label",
+                      model.engine.outputs[0], fmt::join(shape, " x "));
+    }
+  }
+  if (!why.empty()) {
+    throw std::runtime_error(
+        why + "; \"velmora-model outputs\" shows them, and with labels they are ranked");
+  }
+}
+
 /// Whether a network fits its description shows only when it runs: once here, and not as the same
 /// complaint about every image. It also spares the first image the time of the engine's set-up.
-void TryNetwork(Model* model) {
+void TryNetwork(Model* model, Use use) {
   CheckInput(*model);
   const int type = model->channels == Channels::kGray ? CV_32FC1 : CV_32FC3;
+  const cv::Mat image = cv::Mat::zeros(model->size, type);
   double seconds = 0;
   try {
-    const std::size_t count =
-        Forward(*model, {cv::Mat::zeros(model->size, type)}, &seconds)[0].size();
-    while (model->labels.size() < count) {
-      model->labels.push_back(std::to_string(model->labels.size()));
+    OutputMap outputs = RunNetwork(*model, {image}, &seconds)[0];
+    const std::vector<float>& answer = outputs[model->engine.outputs[0]];
+    const std::size_t count = answer.size();
+    model->labelled = !model->labels.empty();
+    if (use == Use::kProbabilities && !model->labelled) {
+      CheckUnlabelled(*model, image, answer);
+    }
+    if (use != Use::kAny) {
+      CheckCount(*model, count);
+      while (model->labels.size() < count) {
+        model->labels.push_back(std::to_string(model->labels.size()));
+      }
+    }
+    if (model->engine.backend == Backend::kTfLite) {
+      const std::size_t holds = Product(model->engine.output_shapes(image)["output"]);
+      if (holds > count) {
+        model->warning = fmt::format(
+            "{}: the first output holds {} values, of which TensorFlow Lite hands over {}: as many "
+            "as its second dimension says",
+            model->engine.files[0], holds, count);
+      }
     }
   } catch (...) {
     throw std::runtime_error(fmt::format("{}: the network does not fit this description: {}",
@@ -53,27 +99,48 @@ void TryNetwork(Model* model) {
 
 }  // namespace
 
-Model LoadModel(const std::string& path, std::optional<Backend> backend) {
+void SayWarning(const Model& model, Console* console) {
+  if (!model.warning.empty()) {
+    console->Say("warning: " + model.warning);
+  }
+}
+
+std::string WhyNoProbabilities(const Model& model, const std::vector<float>& values) {
+  constexpr float kRounding = 1e-3F;  // an engine may compute in 16 bits
+  const auto [least, greatest] = std::minmax_element(values.begin(), values.end());
+  if (values.empty() || (*least >= -kRounding && *greatest <= 1 + kRounding)) {
+    return "";
+  }
+  return fmt::format("output \"{}\" has values from {:.4g} to {:.4g}, which are no probabilities",
+                     model.engine.outputs[0], *least, *greatest);
+}
+
+Model LoadModel(const std::string& path, std::optional<Backend> backend, Use use) {
   try {
     Model model = ReadDescription(path);
     model.engine = MakeEngine(model.config, backend);
-    TryNetwork(&model);
+    TryNetwork(&model, use);
     return model;
   } catch (...) {
     throw ModelError(path + ": " + CurrentFault());
   }
 }
 
-std::vector<Model> LoadEveryForm(const std::string& path,
-                                 const std::function<void(const std::string&)>& left_out) {
+Model LoadForm(const std::string& path, const Form& form, Use use) {
   try {
-    std::vector<Model> models;
-    for (Engine& engine : MakeEveryEngine(ReadDescription(path).config, left_out)) {
-      models.push_back(ReadDescription(path));
-      models.back().engine = std::move(engine);
-      TryNetwork(&models.back());
-    }
-    return models;
+    Model model = ReadDescription(path);
+    model.engine = MakeEngine(form);
+    TryNetwork(&model, use);
+    return model;
+  } catch (...) {
+    throw ModelError(path + ": " + CurrentFault());
+  }
+}
+
+std::vector<Form> ListForms(const std::string& path,
+                            const std::function<void(const std::string&)>& left_out) {
+  try {
+    return ListForms(ReadDescription(path).config, left_out);
   } catch (...) {
     throw ModelError(path + ": " + CurrentFault());
   }
@@ -97,13 +164,9 @@ std::vector<std::vector<float>> Forward(const Model& model, const std::vector<cv
                                         double* seconds) {
   std::vector<std::vector<float>> answers;
   for (OutputMap& output : RunNetwork(model, images, seconds)) {
-    const std::string& name = model.engine.outputs[0];
-    const std::size_t count = output[name].size();
-    if (count == 0 || (!model.labels.empty() && count != model.labels.size())) {
-      throw std::runtime_error(fmt::format("output \"{}\" has {} values, and there are {} labels",
-                                           name, count, model.labels.size()));
-    }
-    answers.push_back(std::move(output[name]));
+    std::vector<float>& values = output[model.engine.outputs[0]];
+    CheckCount(model, values.size());
+    answers.push_back(std::move(values));
   }
   return answers;
 }

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "common.h"
 #include "engines.h"
 
 namespace velmora::tool {
@@ -40,16 +41,27 @@ struct Model {
   cv::Scalar scale = cv::Scalar::all(1);
   std::vector<std::string> labels;  // "0", "1", … when the description has none
 
+  bool labelled = false;  // by the description
+
   Engine engine;
+  std::string warning;  // for the user; mostly empty
 };
 
-/// Throws ModelError when the description or the network cannot be loaded, and when the network
-/// does not run on an image as described or gives another number of values than there are labels.
-Model LoadModel(const std::string& path, std::optional<Backend> backend);
+/// What the outputs of a network are to be: of the first, probabilities of labels; one value for
+/// each label; or anything.
+enum class Use { kProbabilities, kAnswer, kAny };
 
-/// The model once for each of its forms, see MakeEveryEngine().
-std::vector<Model> LoadEveryForm(const std::string& path,
-                                 const std::function<void(const std::string&)>& left_out);
+/// Throws ModelError when the description or the network cannot be loaded, and when the network
+/// does not run on an image as described or its outputs are not what they are to be.
+Model LoadModel(const std::string& path, std::optional<Backend> backend, Use use = Use::kAnswer);
+
+Model LoadForm(const std::string& path, const Form& form, Use use);
+
+void SayWarning(const Model& model, Console* console);
+
+/// The forms of the model, see engines.h. Throws ModelError for a description that cannot be read.
+std::vector<Form> ListForms(const std::string& path,
+                            const std::function<void(const std::string&)>& left_out);
 
 /// All outputs for each of the images, which are prepared ones; `*seconds` is the time of the
 /// network alone. Passes on what the engine throws.
@@ -57,7 +69,11 @@ std::vector<plugin::network::OutputMap> RunNetwork(const Model& model,
                                                    const std::vector<cv::Mat>& images,
                                                    double* seconds);
 
-/// The probabilities of the labels, as RunNetwork().
+/// What speaks against these values of an answer being probabilities; mostly empty. They need not
+/// add up to 1: labels may hold together.
+std::string WhyNoProbabilities(const Model& model, const std::vector<float>& values);
+
+/// The values for the labels, as RunNetwork().
 std::vector<std::vector<float>> Forward(const Model& model, const std::vector<cv::Mat>& images,
                                         double* seconds);
 

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <numeric>
 #include <optional>
+#include <utility>
 
 #include "commands.h"
 #include "common.h"
@@ -18,7 +19,7 @@ namespace {
 
 struct Answer {
   std::string label;
-  float probability = 0;
+  float value = 0;
 };
 
 /// What came of one image: answers, or a fault instead.
@@ -26,6 +27,7 @@ struct Result {
   std::string file;
   cv::Mat image;                // kept for annotating only
   std::vector<Answer> answers;  // best first
+  bool probabilities = true;    // that is what their values are
   double milliseconds = 0;
   const std::string* truth = nullptr;
   std::string fault;
@@ -55,7 +57,7 @@ std::vector<Answer> BestAnswers(const std::vector<float>& values,
 /// Reads, prepares and runs the images of one batch. An image that fails gets a fault; the others
 /// are still done.
 void RunBatch(const Model& model, const RunOptions& options, std::vector<Result>* batch,
-              Console* console) {
+              bool* warned, Console* console) {
   std::vector<cv::Mat> prepared;
   std::vector<Result*> running;
   const auto fail = [console](Result* result) {
@@ -88,6 +90,15 @@ void RunBatch(const Model& model, const RunOptions& options, std::vector<Result>
   for (std::size_t i = 0; i < running.size(); ++i) {
     try {
       running[i]->answers = BestAnswers(values[i], model.labels, options.top);
+      if (const std::string why = WhyNoProbabilities(model, values[i]); !why.empty()) {
+        if (!model.labelled) {
+          throw std::runtime_error(why);
+        }
+        running[i]->probabilities = false;
+        if (!std::exchange(*warned, true)) {
+          console->Say("warning: " + why + "; they are shown as they are");
+        }
+      }
       running[i]->milliseconds = seconds * 1000 / static_cast<double>(running.size());
     } catch (...) {
       fail(running[i]);
@@ -100,7 +111,7 @@ void RunBatch(const Model& model, const RunOptions& options, std::vector<Result>
 class Table {
  public:
   Table(const std::vector<std::string>& images, const std::vector<std::string>& labels,
-        bool has_truth) {
+        bool has_truth, bool probabilities) {
     for (const std::string& image : images) {
       file_width_ = std::max(file_width_, Width(OneLine(image)));
     }
@@ -111,7 +122,8 @@ class Table {
       const int others = label_width_ + 26 + (has_truth ? label_width_ + 9 : 0);
       file_width_ = std::min(file_width_, std::max(12, columns - others));
     }
-    PrintRow("file", "label", "probability", "time (ms)", has_truth ? "truth" : "");
+    PrintRow("file", "label", probabilities ? "probability" : "value", "time (ms)",
+             has_truth ? "truth" : "");
   }
 
   void Add(const Result& result) const {
@@ -120,7 +132,7 @@ class Table {
     std::string truth = result.truth == nullptr ? "" : OneLine(*result.truth);
     truth += result.truth == nullptr || result.right() ? "" : "  wrong";
     for (const Answer& answer : result.answers) {
-      PrintRow(file, OneLine(answer.label), fmt::format("{:.4f}", answer.probability), time, truth);
+      PrintRow(file, OneLine(answer.label), fmt::format("{:.4f}", answer.value), time, truth);
       file = time = truth = "";
     }
   }
@@ -148,7 +160,7 @@ Json::Value ToJson(const Result& result) {
   for (const Answer& answer : result.answers) {
     Json::Value entry;
     entry["label"] = JsonText(answer.label);
-    entry["probability"] = answer.probability;
+    entry[result.probabilities ? "probability" : "value"] = answer.value;
     image["answers"].append(entry);
   }
   image["time_ms"] = result.milliseconds;
@@ -162,7 +174,9 @@ Json::Value ToJson(const Result& result) {
 void Annotate(const Result& result, Annotator* annotator, Console* console) {
   std::vector<std::string> lines;
   for (const Answer& answer : result.answers) {
-    lines.push_back(fmt::format("{}  {:.1f} %", OneLine(answer.label), answer.probability * 100));
+    lines.push_back(result.probabilities
+                        ? fmt::format("{}  {:.1f} %", OneLine(answer.label), answer.value * 100)
+                        : fmt::format("{}  {:.4f}", OneLine(answer.label), answer.value));
   }
   cv::Scalar colour = cv::Scalar::all(255);
   if (result.truth != nullptr) {
@@ -181,8 +195,9 @@ void Annotate(const Result& result, Annotator* annotator, Console* console) {
 }  // namespace
 
 int Run(const RunOptions& options) {
-  const Model model = LoadModel(options.model, options.backend);
+  const Model model = LoadModel(options.model, options.backend, Use::kProbabilities);
   Console console;
+  SayWarning(model, &console);
   const std::vector<std::string> images = ListImages(options.images, &console);
   const auto truth = FindTruth(images, options.truth, model.labels, &console);
   std::optional<Annotator> annotator;
@@ -203,15 +218,16 @@ int Run(const RunOptions& options) {
   document["images"] = Json::arrayValue;
   std::size_t known = 0;
   std::size_t right = 0;
+  bool warned = false;
 
   for (std::size_t next = 0; next < images.size();) {
     std::vector<Result> batch;
     for (; next < images.size() && batch.size() < static_cast<std::size_t>(options.batch); ++next) {
       const auto found = truth.find(images[next]);
       batch.push_back(
-          {images[next], {}, {}, 0, found != truth.end() ? &found->second : nullptr, ""});
+          {images[next], {}, {}, true, 0, found != truth.end() ? &found->second : nullptr, ""});
     }
-    RunBatch(model, options, &batch, &console);
+    RunBatch(model, options, &batch, &warned, &console);
     for (const Result& result : batch) {
       if (options.json) {
         document["images"].append(ToJson(result));
@@ -225,7 +241,7 @@ int Run(const RunOptions& options) {
         console.ClearProgress();
         if (!table) {
           Print(EngineLines(model.engine) + "\n");
-          table.emplace(images, model.labels, !truth.empty());
+          table.emplace(images, model.labels, !truth.empty(), result.probabilities);
         }
         table->Add(result);
       }
