@@ -38,12 +38,18 @@ class Tensors {
   std::vector<bool> has_;
 };
 
-bool IsForXnnpack(const format::SubGraph& graph) {
+/// XNNPACK takes weights before they are unpacked, in the shape that they are said to have then.
+bool HasOtherShape(const Step& step) {
+  return (step.code() == BuiltinOperator::DEQUANTIZE || step.code() == BuiltinOperator::DENSIFY) &&
+         Step::ShapeOf(step.Input(0)) != Step::ShapeOf(step.Output(0));
+}
+
+bool IsForXnnpack(const format::Model& model, const format::SubGraph& graph) {
   const auto& steps = OrEmpty(graph.operators());
   Tensors read(OrEmpty(graph.tensors()).size());
   for (const auto* const step : steps) {
     read.Add(OrEmpty(step->inputs()));
-    if (read.HasAnyOf(OrEmpty(step->outputs()))) {
+    if (read.HasAnyOf(OrEmpty(step->outputs())) || HasOtherShape(Step(model, graph, *step))) {
       return false;
     }
   }
@@ -65,9 +71,11 @@ bool IsForXnnpack(const format::SubGraph& graph) {
 }  // namespace
 
 bool IsGraphForXnnpack(const char* data) {
-  const auto& graphs = OrEmpty(format::GetModel(data)->subgraphs());
-  return std::all_of(graphs.begin(), graphs.end(),
-                     [](const format::SubGraph* graph) { return IsForXnnpack(*graph); });
+  const format::Model& model = *format::GetModel(data);
+  const auto& graphs = OrEmpty(model.subgraphs());
+  return std::all_of(graphs.begin(), graphs.end(), [&model](const format::SubGraph* graph) {
+    return IsForXnnpack(model, *graph);
+  });
 }
 
 }  // namespace velmora::plugin::network::compat
