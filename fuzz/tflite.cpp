@@ -3,6 +3,7 @@
 #include <tensorflow/lite/kernels/register.h>
 #include <tensorflow/lite/model.h>
 
+#include <cstring>
 #include <memory>
 
 #include "support.h"
@@ -10,18 +11,31 @@
 
 namespace {
 
-/// Whether the tensors of a model have sizes that are worth a run, as the file states them.
+/// Whether a model has tensors of few values, as the file states them, and no large numbers that an
+/// operator could make others of.
 bool IsSmall(const char* bytes) {
   using namespace velmora::plugin::network::compat;
   std::unique_ptr<format::ModelT> model(format::GetModel(bytes)->UnPack());
   double values = 0;
   for (const auto& graph : model->subgraphs) {
     for (const auto& tensor : graph->tensors) {
+      if (tensor->buffer >= model->buffers.size()) {
+        return false;
+      }
       double product = 1;
       for (const std::int32_t size : tensor->shape) {
         product *= size;
       }
       values += product;
+      const auto& bytes_of = model->buffers[tensor->buffer]->data;
+      if (tensor->type == format::TensorType::INT32 || tensor->type == format::TensorType::INT64) {
+        const std::size_t step = tensor->type == format::TensorType::INT32 ? 4 : 8;
+        for (std::size_t i = 0; i + step <= bytes_of.size(); i += step) {
+          std::int32_t number = 0;
+          std::memcpy(&number, bytes_of.data() + i, sizeof number);
+          values += number > 32 ? 1e6 : 0;
+        }
+      }
     }
   }
   return values < 1e6;

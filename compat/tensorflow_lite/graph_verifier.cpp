@@ -149,7 +149,11 @@ int DepthOf(const format::Model& model, std::uint32_t graph, int level, std::vec
 
 bool GraphVerifier::Verify(const char* data, int /*length*/, tflite::ErrorReporter* reporter) {
   const format::Model& model = *format::GetModel(data);
-  const auto& graphs = OrEmpty(model.subgraphs());
+  if (model.subgraphs() == nullptr) {
+    reporter->Report("Refused: it has no graphs");
+    return false;
+  }
+  const auto& graphs = *model.subgraphs();
   std::vector<int> depths(graphs.size());
   for (flatbuffers::uoffset_t i = 0; i < graphs.size(); ++i) {
     const Fault fault = i == 0 && DepthOf(model, 0, 0, depths) > kDeepest
