@@ -13,8 +13,8 @@
 /// A FIFO, a socket or a device is not opened: nothing here waits for a process at the other end,
 /// or reads a device that does not end.
 ///
-/// JsonCpp reads numbers with a fraction or an exponent, and no others, in the C++ global locale. In
-/// a process that has made it one with a decimal comma, a document with such a number does not
+/// JsonCpp reads numbers with a fraction or an exponent, and no others, in the C++ global locale.
+/// In a process that has made it one with a decimal comma, a document with such a number does not
 /// parse, or loses the fraction. Writing does not depend on the locale.
 #pragma once
 
