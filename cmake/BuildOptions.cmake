@@ -4,8 +4,7 @@ add_library(velmora-build-options INTERFACE)
 target_compile_features(velmora-build-options INTERFACE cxx_std_20)
 target_compile_options(velmora-build-options INTERFACE
   -Wall -Wextra -Wshadow -Wconversion -Wnon-virtual-dtor -Wold-style-cast
-  # Log lines and what a debugger reads name the source from the repository's root, wherever the build
-  # ran.
+  # Log lines and debug information name the source from the repository's root, wherever the build ran.
   -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=
   -ffile-prefix-map=${PROJECT_BINARY_DIR}=build
   $<$<BOOL:${VELMORA_WERROR}>:-Werror>)
