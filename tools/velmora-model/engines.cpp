@@ -34,7 +34,7 @@ struct Kind {
   std::vector<std::string> (*files)(const NetworkConfig& config);  // empty when there is no form
   std::unique_ptr<BaseNetwork> (*make)(const NetworkConfig& config);
   InputShape (*input)(const NetworkConfig& config);
-  std::string (*reason)(const NetworkConfig& config);  // why it does not load
+  std::string (*reason)(const NetworkConfig& config);  // why it does not load or run
   ShapeReader (*outputs)(const NetworkConfig& config);
 };
 

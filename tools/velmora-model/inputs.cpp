@@ -139,7 +139,6 @@ std::string IeReason([[maybe_unused]] const NetworkConfig& config,
     InferenceEngine::Core core("");
     const auto network = ReadIeNetwork(core, config);
     auto request = core.LoadNetwork(network, device, {}).CreateInferRequest();
-    request.Infer();
     for (const auto& [name, output] : network.getOutputsInfo()) {
       outputs += (outputs.empty() ? "the outputs are \"" : "\", \"") + name;
     }
