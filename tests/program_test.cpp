@@ -428,6 +428,66 @@ TEST_F(Program, ComparesAllFormsOfAModel) {
   EXPECT_EQ(Run({"compare", kModel, kImages}).status, 3);  // one form is left
 }
 
+TEST_F(Program, ChecksFormsInProcessesOfTheirOwn) {
+  Machine(kRunsInferenceEngine ? "ie tflite" : "tflite");
+  const Json::Value report = RunJson({"check", kModel});
+  EXPECT_TRUE(report["passed"].asBool());
+  ASSERT_EQ(report["forms"].size(), 1u + VELMORA_HAS_TENSORFLOW_LITE + 2 * kRunsInferenceEngine);
+  for (const Json::Value& form : report["forms"]) {
+    EXPECT_FALSE(form.isMember("error")) << form;
+    EXPECT_EQ(form["input"]["width"].asInt(), 24) << form;
+    EXPECT_EQ(form["outputs"][0]["values"].asInt(), 10) << form;
+    EXPECT_LT(form["outputs"][0]["difference"].asDouble(), 0.01) << form;
+    EXPECT_GT(form["resident_kib"].asInt(), 20'000) << form;
+  }
+
+  // Networks that an engine does not survive: of regions with a negative sample number, of channels
+  // that are eight times as many after each layer, and of a window that is larger than the image.
+  const std::string weights = Write("weights", {'\x0a', '\x01', 'x'});
+  const std::string regions =
+      "layer { name: 'p' type: 'Power' bottom: 'data' top: 'p' power_param { scale: 0 shift: -1e8 "
+      "} }"
+      "layer { name: 'r' type: 'Reshape' bottom: 'p' top: 'r' reshape_param { shape { dim: -1 dim: "
+      "5 } } }"
+      "layer { name: 'x' type: 'ROIPooling' bottom: 'data' bottom: 'r' top: 'x' "
+      "roi_pooling_param { pooled_h: 1 pooled_w: 1 spatial_scale: -2e-8 } }";
+  std::string channels = "layer { name: 'x0' type: 'Split' bottom: 'data' top: 'x0' }";
+  for (int i = 1; i < 9; ++i) {
+    std::string eight;
+    for (int k = 0; k < 8; ++k) {
+      eight += " bottom: 'x" + std::to_string(i - 1) + "'";
+    }
+    channels += "layer { name: '" + std::string(i < 8 ? "x" + std::to_string(i) : "x") +
+                "' type: 'Concat' top: 'x" + std::to_string(i) + "'" + eight + " }";
+  }
+  const std::string window =
+      "layer { name: 'x' type: 'Pooling' bottom: 'data' top: 'x' "
+      "pooling_param { kernel_size: 2001 pad: 1000 stride: 1 } }";
+  const struct {
+    std::string network;
+    int size;
+    std::string seconds;
+    std::string fault;
+  } cases[] = {
+      {regions, 5, "60", kSanitized ? "ended the engine: status" : "ended the engine: SIGSEGV"},
+      {channels, 5, "60", "wanted more than 300 MiB"},
+      {window, 3000, "1", "took longer than 1 s"},
+      {"layer {", 5, "60", "Failed to parse"}};
+  for (const auto& [network, size, seconds, fault] : cases) {
+    Write("x.prototxt", "input: 'data' " + network);
+    const std::string pixels = std::to_string(size);
+    const std::string model =
+        Write("x.json", R"({"network": {"output_names": ["x"], "dnn_prototxt_path": "x.prototxt", )"
+                        R"("dnn_caffemodel_path": "weights"}, "image": {"width": )" +
+                            pixels + R"(, "height": )" + pixels + R"(, "channels": "gray"}})");
+    const Finished finished =
+        Run({"check", model, "--memory", "300", "--seconds", seconds, "--json"});
+    EXPECT_EQ(finished.status, 1);
+    EXPECT_EQ(finished.error, "");
+    EXPECT_THAT(Parse(finished.output)["forms"][0]["error"].asString(), testing::HasSubstr(fault));
+  }
+}
+
 TEST_F(Program, BenchMeasuresAndShowsProgressOnATerminalOnly) {
   const std::vector<std::string> arguments = {"bench",   kModel, "--iterations", "2000",
                                               "--batch", "3",    "--json"};

@@ -12,6 +12,7 @@
 #include <set>
 #include <thread>
 
+#include "child_process.h"
 #include "commands.h"
 #include "common.h"
 #include "images.h"
@@ -46,9 +47,6 @@ std::string CpuModel(const utsname& system) {
 
 /// What the process holds at this moment: memory, and shared objects that are mapped.
 Json::Value Held() {
-  Json::UInt64 pages = 0;
-  std::ifstream statm("/proc/self/statm");
-  statm >> pages >> pages;
   std::set<std::string> libraries;
   std::ifstream maps("/proc/self/maps");
   for (std::string line; std::getline(maps, line);) {
@@ -58,7 +56,7 @@ Json::Value Held() {
     }
   }
   Json::Value held;
-  held["resident_kib"] = pages * static_cast<Json::UInt64>(sysconf(_SC_PAGESIZE)) / 1024;
+  held["resident_kib"] = Json::UInt64{ResidentKib("self")};
   held["libraries"] = Json::UInt64{libraries.size()};
   return held;
 }
@@ -67,10 +65,7 @@ std::vector<cv::Mat> PrepareInput(const BenchOptions& options, const Model& mode
                                   Console* console) {
   std::vector<cv::Mat> prepared;
   if (options.images.empty()) {
-    // Not all zeros: sparse or denormal numbers can take another time.
-    cv::Mat noise(model.size, model.channels == Channels::kGray ? CV_8UC1 : CV_8UC3);
-    cv::RNG(1).fill(noise, cv::RNG::UNIFORM, 0, 256);
-    prepared.push_back(Prepare(noise, model));
+    prepared.push_back(Prepare(MadeUpImage(model), model));
   }
   for (const std::string& path : ListImages(options.images, console)) {
     try {

@@ -46,10 +46,27 @@ struct OutputsOptions {
   std::string save;  // folder; empty for none
 };
 
+struct CheckOptions {
+  std::string model;
+  int memory = 2048;  // MiB
+  int seconds = 60;
+  bool json = false;
+};
+
+struct CheckFormOptions {
+  std::string model;
+  std::string form;
+  int parent = 0;  // process
+};
+
 int Run(const RunOptions& options);
 int Bench(const BenchOptions& options);
 int Compare(const CompareOptions& options);
 int Outputs(const OutputsOptions& options);
+int Check(const CheckOptions& options);
+
+/// What Check() starts in a process of its own: reports on one form to it.
+int CheckForm(const CheckFormOptions& options);
 int BenchTranscode(const BenchOptions& options);
 
 }  // namespace velmora::tool

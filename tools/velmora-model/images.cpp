@@ -251,6 +251,12 @@ cv::Mat ReadImage(const std::string& path, Channels channels) {
   return image;
 }
 
+cv::Mat MadeUpImage(const Model& model) {
+  cv::Mat noise(model.size, model.channels == Channels::kGray ? CV_8UC1 : CV_8UC3);
+  cv::RNG(1).fill(noise, cv::RNG::UNIFORM, 0, 256);
+  return noise;
+}
+
 cv::Mat Prepare(const cv::Mat& image, const Model& model) {
   cv::Mat prepared = model.fit == Fit::kCrop ? Middle(image, model) : image;
   const cv::Size size =

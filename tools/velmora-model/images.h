@@ -21,6 +21,10 @@ std::vector<std::string> ListImages(const std::vector<std::string>& named, Conso
 /// the reason but without the path, when the file does not decode.
 cv::Mat ReadImage(const std::string& path, Channels channels);
 
+/// Noise of the model's size, the same every time, as of ReadImage(). Not all zeros: sparse or
+/// denormal numbers can take another time.
+cv::Mat MadeUpImage(const Model& model);
+
 /// What the network takes for an image of ReadImage().
 cv::Mat Prepare(const cv::Mat& image, const Model& model);
 

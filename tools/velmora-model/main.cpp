@@ -122,6 +122,22 @@ a letter, digit, ".", "-" or "_" in the output's name becomes "_". A link is not
 input image not replaced. With a batch_size above 1 the network is given so many images at a time.
 )";
 
+constexpr char kCheckHelp[] = R"(
+For a model of unknown origin, and before it is used: some files that no look at them tells from
+sound ones end the process that runs them, or take all its memory. Every form that the model has is
+loaded, and run on zeros and on a made-up image, in a process of its own that is ended when it holds
+more memory (resident, with the program itself) or takes longer than it may. There are printed the
+device, the time of loading with the first run, that of the second run, the memory then held, the
+size of the input as width x height x channels, and the outputs; "difference" is the largest from
+the first form's values, as a part of the largest value. Forms agree up to 0.05.
+)";
+
+constexpr char kCheckStatusHelp[] = R"(Exit status:
+  0  every form loads and runs, and their values are finite and agree
+  1  they do not
+  2  wrong usage
+  3  the description could not be read, or has no form that runs here)";
+
 /// The program tells of a failure in one line of its own; the engines would add theirs.
 void SilenceEngines() {
   cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_SILENT);
@@ -205,6 +221,23 @@ int RunProgram(std::vector<std::string> arguments) {
   add(outputs_command, "--save", &outputs.save, "FOLDER", "Write each output there as .npy");
   outputs_command->footer(fmt::format("{}\n{}", kOutputsHelp, kStatusHelp));
 
+  CheckOptions check;
+  CLI::App* const check_command =
+      app.add_subcommand("check", "Try every form of a model, each in a process of its own");
+  add(check_command, "MODEL.json", &check.model, "", "Description of the model")->required();
+  add(check_command, "--memory", &check.memory, "MIB", "Memory that a form may hold [2048]")
+      ->check(Between(1, 1'000'000));
+  add(check_command, "--seconds", &check.seconds, "N", "Time that a form may take [60]")
+      ->check(Between(1, 86'400));
+  check_command->add_flag("--json", check.json, "Print one JSON document instead of tables");
+  check_command->footer(fmt::format("{}\n{}", kCheckHelp, kCheckStatusHelp));
+
+  CheckFormOptions check_form;
+  CLI::App* const check_form_command = app.add_subcommand("check-form")->group("");  // for "check"
+  check_form_command->add_option("MODEL.json", check_form.model)->required();
+  check_form_command->add_option("FORM", check_form.form)->required();
+  check_form_command->add_option("PARENT", check_form.parent)->required();
+
   // The parser takes "[a]" for a list.
   for (std::string& argument : arguments) {
     if (argument == "--") {
@@ -235,6 +268,12 @@ int RunProgram(std::vector<std::string> arguments) {
   }
   if (outputs_command->parsed()) {
     return Outputs(outputs);
+  }
+  if (check_command->parsed()) {
+    return Check(check);
+  }
+  if (check_form_command->parsed()) {
+    return CheckForm(check_form);
   }
   const bool measures_runs = bench_command->count("--iterations") > 0 ||
                              bench_command->count("--warmup") > 0 ||

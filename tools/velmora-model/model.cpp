@@ -75,7 +75,7 @@ void TryNetwork(Model* model, Use use) {
     if (use == Use::kProbabilities && !model->labelled) {
       CheckUnlabelled(*model, image, answer);
     }
-    if (use != Use::kAny) {
+    if (use != Use::kAny && (use != Use::kAnswerToLabels || model->labelled)) {
       CheckCount(*model, count);
       while (model->labels.size() < count) {
         model->labels.push_back(std::to_string(model->labels.size()));

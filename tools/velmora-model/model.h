@@ -48,8 +48,8 @@ struct Model {
 };
 
 /// What the outputs of a network are to be: of the first, probabilities of labels; one value for
-/// each label; or anything.
-enum class Use { kProbabilities, kAnswer, kAny };
+/// each label; the same where the description has labels; or anything.
+enum class Use { kProbabilities, kAnswer, kAnswerToLabels, kAny };
 
 /// Throws ModelError when the description or the network cannot be loaded, and when the network
 /// does not run on an image as described or its outputs are not what they are to be.

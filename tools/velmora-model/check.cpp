@@ -1,0 +1,297 @@
+#include <fmt/format.h>
+#include <json/json.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstring>
+#include <memory>
+#include <optional>
+
+#include "child_process.h"
+#include "commands.h"
+#include "common.h"
+#include "description.h"
+#include "images.h"
+#include "model.h"
+#include "outputs.h"
+
+namespace velmora::tool {
+
+namespace {
+
+using plugin::network::OutputMap;
+
+// Forms of one network in other precisions differ by far less than this part of an output's largest
+// value, and other networks by far more.
+constexpr double kTolerance = 0.05;
+
+struct Output {
+  OutputSummary summary;
+  std::vector<float> values;
+  std::optional<double> difference;  // from the first form: a part of the largest value
+};
+
+/// What came of one form.
+struct Checked {
+  Form form;
+  std::string fault;     // why a host should not take it; empty when it may
+  Json::Value measured;  // by the child; see CheckForm()
+  std::vector<Output> outputs;
+
+  bool ran() const { return !outputs.empty(); }
+};
+
+/// Takes what a child wrote apart: a line of JSON, and the values of the outputs. It may be
+/// anything when the engine went wild.
+void ReadReport(const std::string& report, Checked* checked) {
+  const std::size_t end = std::min(report.find('\n'), report.size());
+  Json::CharReaderBuilder builder;
+  const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+  Json::Value& measured = checked->measured;
+  std::string ignored;
+  try {
+    if (!reader->parse(report.data(), report.data() + end, &measured, &ignored)) {
+      throw std::runtime_error("ended without a report");
+    }
+    checked->fault = measured.get("error", "").asString();
+    std::size_t next = std::min(end + 1, report.size());
+    for (const Json::Value& entry : measured["outputs"]) {
+      const std::size_t count = entry["values"].asUInt64();
+      if (count > (report.size() - next) / sizeof(float)) {
+        throw std::runtime_error("ended within its report");
+      }
+      Output output;
+      output.values.resize(count);
+      std::memcpy(output.values.data(), report.data() + next, count * sizeof(float));
+      next += count * sizeof(float);
+      output.summary = Summarise(entry["name"].asString(), output.values);
+      checked->outputs.push_back(std::move(output));
+    }
+  } catch (...) {
+    measured = Json::objectValue;
+    checked->outputs.clear();
+    checked->fault = CurrentFault();
+  }
+}
+
+Checked CheckOne(const CheckOptions& options, const Form& form) {
+  Checked checked;
+  checked.form = form;
+  const ChildResult result =
+      RunChild({"check-form", options.model, form.id}, {options.memory, options.seconds});
+  if (result.fault.empty()) {
+    ReadReport(result.output, &checked);
+  } else {
+    checked.fault = result.fault;
+  }
+  if (const std::string path = options.model + ": "; checked.fault.starts_with(path)) {
+    checked.fault.erase(0, path.size());
+  }
+  return checked;
+}
+
+/// Compares the outputs of a form with those of the first one that ran.
+void Compare(const Checked& first, Checked* other) {
+  for (std::size_t k = 0; k < std::min(first.outputs.size(), other->outputs.size()); ++k) {
+    const std::vector<float>& a = first.outputs[k].values;
+    const std::vector<float>& b = other->outputs[k].values;
+    const std::string name = OneLine(first.outputs[k].summary.name);
+    if (a.size() != b.size()) {
+      other->fault = fmt::format("output \"{}\" has {} values, and {} in {}", name, b.size(),
+                                 a.size(), first.form.id);
+      return;
+    }
+    double largest = 0;
+    double distance = 0;
+    for (std::size_t i = 0; i < a.size(); ++i) {
+      largest = std::max({largest, std::abs(double{a[i]}), std::abs(double{b[i]})});
+      distance = std::max(distance, std::abs(double{a[i]} - double{b[i]}));
+    }
+    other->outputs[k].difference = largest > 0 ? distance / largest : 0;
+    if (*other->outputs[k].difference > kTolerance) {
+      other->fault = fmt::format("output \"{}\" is not that of {}", name, first.form.id);
+    }
+  }
+}
+
+/// Finds what is wrong with forms that ran. Returns whether they agree.
+bool Judge(std::vector<Checked>* forms) {
+  const Checked* first = nullptr;
+  bool agree = true;
+  for (Checked& checked : *forms) {
+    if (!checked.ran()) {
+      continue;
+    }
+    for (const Output& output : checked.outputs) {
+      if (output.summary.not_finite > 0) {
+        checked.fault = fmt::format("output \"{}\" has {} values that are not finite",
+                                    OneLine(output.summary.name), output.summary.not_finite);
+      }
+    }
+    if (!checked.fault.empty()) {
+      continue;
+    }
+    if (first == nullptr) {
+      first = &checked;
+    } else {
+      Compare(*first, &checked);
+      agree = agree && checked.fault.empty();
+    }
+  }
+  return agree;
+}
+
+Json::Value ToJson(const CheckOptions& options, const std::vector<Checked>& forms) {
+  Json::Value document;
+  document["model"] = JsonText(ReadDescription(options.model).name);
+  document["limits"]["memory_mib"] = options.memory;
+  document["limits"]["seconds"] = options.seconds;
+  for (const Checked& checked : forms) {
+    Json::Value& entry = document["forms"].append(checked.measured);
+    entry["id"] = checked.form.id;
+    entry["engine"] = checked.form.engine;
+    entry.removeMember("outputs");
+    for (const Output& output : checked.outputs) {
+      Json::Value& one = entry["outputs"].append(ToJson(output.summary));
+      one.removeMember("shape");
+      if (output.difference) {
+        one["difference"] = *output.difference;
+      }
+    }
+    if (!checked.fault.empty()) {
+      entry["error"] = JsonText(checked.fault);
+    }
+  }
+  return document;
+}
+
+void PrintTables(const std::vector<Checked>& forms) {
+  std::size_t engine_width = 6;
+  int name_width = 6;
+  for (const Checked& checked : forms) {
+    engine_width = std::max(engine_width, checked.form.engine.size());
+    for (const Output& output : checked.outputs) {
+      name_width = std::max(name_width, Width(OneLine(output.summary.name)));
+    }
+  }
+  Print(fmt::format("{:<7} {:<{}}  {:<6}  {:>9}  {:>8}  {:>10}  {}\n", "", "engine", engine_width,
+                    "device", "load (ms)", "run (ms)", "held (MiB)", "input"));
+  for (const Checked& checked : forms) {
+    const Json::Value& measured = checked.measured;
+    if (!checked.ran()) {
+      Print(fmt::format("{:<7} {:<{}}  {}\n", checked.form.id, checked.form.engine, engine_width,
+                        OneLine(checked.fault)));
+      continue;
+    }
+    const auto size = [&](const char* name) {
+      const int value = measured["input"][name].asInt();
+      return value == 0 ? std::string("any") : std::to_string(value);
+    };
+    Print(fmt::format("{:<7} {:<{}}  {:<6}  {:>9.1f}  {:>8.1f}  {:>10}  {} x {} x {}\n",
+                      checked.form.id, checked.form.engine, engine_width,
+                      measured["device"].asString(), measured["load_ms"].asDouble(),
+                      measured["run_ms"].asDouble(), measured["resident_kib"].asUInt64() / 1024,
+                      size("width"), size("height"), size("channels")));
+  }
+  if (std::any_of(forms.begin(), forms.end(), [](const Checked& each) { return each.ran(); })) {
+    Print(fmt::format("\n{:<7} {:<{}}  {}  {:>10}\n", "", "output", name_width, SummaryTitles(),
+                      "difference"));
+  }
+  for (const Checked& checked : forms) {
+    for (const Output& output : checked.outputs) {
+      Print(fmt::format(
+          "{:<7} {:<{}}  {}  {:>10}\n", checked.form.id, OneLine(output.summary.name), name_width,
+          SummaryColumns(output.summary),
+          output.difference ? fmt::format("{:.1e}", *output.difference) : std::string("-")));
+    }
+  }
+}
+
+}  // namespace
+
+int Check(const CheckOptions& options) {
+  Console console;
+  const std::vector<Form> forms =
+      ListForms(options.model, [&](const std::string& why) { console.Say(why); });
+  if (forms.empty()) {
+    throw ModelError(options.model + ": no form of it runs here");
+  }
+  std::vector<Checked> checked;
+  for (const Form& form : forms) {
+    checked.push_back(CheckOne(options, form));
+    console.ShowProgress(checked.size(), forms.size());
+  }
+  console.ClearProgress();
+  const bool agree = Judge(&checked);
+  const bool passed = std::all_of(checked.begin(), checked.end(),
+                                  [](const Checked& each) { return each.fault.empty(); });
+  if (options.json) {
+    Json::Value document = ToJson(options, checked);
+    document["agree"] = agree;
+    document["passed"] = passed;
+    PrintJson(document);
+  } else {
+    PrintTables(checked);
+    Print("\n");
+    for (const Checked& each : checked) {
+      if (each.ran() && !each.fault.empty()) {
+        Print(fmt::format("{}: {}\n", each.form.id, OneLine(each.fault)));
+      }
+      if (each.measured.isMember("warning")) {
+        Print(fmt::format("{}: {}\n", each.form.id, OneLine(each.measured["warning"].asString())));
+      }
+    }
+    Print(!passed               ? "not every form loads, runs and agrees with the others\n"
+          : checked.size() == 1 ? "the form loads and runs\n"
+                                : "all forms load, run and agree\n");
+  }
+  return passed ? kDone : kNotAllDone;
+}
+
+int CheckForm(const CheckFormOptions& options) {
+  const int output = EnterChild(options.parent);
+  Json::Value report;
+  std::string values;
+  try {
+    using Milliseconds = std::chrono::duration<double, std::milli>;
+    std::optional<Form> form;
+    for (Form& each : ListForms(options.model, [](const std::string&) {})) {
+      if (each.id == options.form) {
+        form = std::move(each);
+      }
+    }
+    const auto start = std::chrono::steady_clock::now();
+    const Model model = LoadForm(options.model, form.value(), Use::kAnswerToLabels);
+    report["load_ms"] = Milliseconds(std::chrono::steady_clock::now() - start).count();
+    double seconds = 0;
+    const OutputMap outputs = RunNetwork(model, {Prepare(MadeUpImage(model), model)}, &seconds)[0];
+    report["run_ms"] = seconds * 1000;
+    report["resident_kib"] = Json::UInt64{ResidentKib("self")};
+    report["device"] = model.engine.device();
+    report["input"]["width"] = model.engine.input.width;
+    report["input"]["height"] = model.engine.input.height;
+    report["input"]["channels"] = model.engine.input.channels;
+    if (!model.warning.empty()) {
+      report["warning"] = JsonText(model.warning);
+    }
+    for (std::size_t k = 0; k < model.engine.outputs.size(); ++k) {
+      const std::vector<float>& each = outputs.at(model.engine.outputs[k]);
+      Json::Value& entry = report["outputs"].append(Json::objectValue);
+      entry["name"] = JsonText(model.config.output_names[k]);
+      entry["values"] = Json::UInt64{each.size()};
+      values.append(reinterpret_cast<const char*>(each.data()), each.size() * sizeof(float));
+    }
+  } catch (...) {
+    report = Json::objectValue;
+    report["error"] = JsonText(CurrentFault());
+    values.clear();
+  }
+  Json::StreamWriterBuilder builder;
+  builder["indentation"] = "";
+  const std::string text = Json::writeString(builder, report) + "\n" + values;
+  return WriteAll(output, text) ? kDone : kNotAllDone;
+}
+
+}  // namespace velmora::tool
