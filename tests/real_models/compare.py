@@ -1,13 +1,14 @@
-"""Real networks on photographs, through the library and through each engine's own Python package.
+"""Real networks on photographs, through "velmora-model outputs" and each engine's own Python package.
 
-    compare.py FORWARD FOLDER
+    compare.py PROGRAM FOLDER
 
-FORWARD is the program real-models-forward; FOLDER takes what is made. A network runs in every form that the
-library takes it in, and each output must be as long as the engine's and equal within LIMIT of the output's
-largest value."""
+FOLDER takes what is made. A network runs in every form that the library takes it in, and each output must have
+the engine's shape, or be flat and as long, and be equal within LIMIT of the output's largest value. What
+"velmora-model check" says of all forms together must be true."""
 
 import itertools
 import json
+import re
 import subprocess
 import sys
 import sysconfig
@@ -23,7 +24,7 @@ from openvino.preprocess import PrePostProcessor
 sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "models"))
 from forms import CaffeNet
 
-FORWARD, FOLDER = Path(sys.argv[1]).resolve(), Path(sys.argv[2]).resolve()
+PROGRAM, FOLDER = Path(sys.argv[1]).resolve(), Path(sys.argv[2]).resolve()
 SITE = Path(sysconfig.get_paths()["purelib"])
 LIMIT = 1e-4
 PHOTOS = [cv2.imread(str(SITE / "skimage/data" / name))
@@ -54,9 +55,17 @@ NETWORKS = [
 ONE_IMAGE = ("face_detection_back", "face_detection_front")
 
 
-def prepare(size, channels, mean, scale):
+def resize(size):
+    """Writes the photographs in this size, and returns where."""
+    paths = [FOLDER / f"{index}-{size[1]}x{size[0]}.png" for index in range(len(PHOTOS))]
+    for photo, path in zip(PHOTOS, paths):
+        cv2.imwrite(str(path), cv2.resize(photo, size[::-1], interpolation=cv2.INTER_AREA))
+    return paths
+
+
+def prepare(paths, channels, mean, scale):
     """The photographs as N x H x W x C."""
-    images = np.stack([cv2.resize(photo, size[::-1], interpolation=cv2.INTER_AREA) for photo in PHOTOS])
+    images = np.stack([cv2.imread(str(path)) for path in paths])
     images = images if channels == "bgr" else images[..., ::-1]
     return ((images - np.float32(mean)) * np.float32(scale)).astype(np.float32)
 
@@ -70,8 +79,9 @@ def load_tflite(path):
     def run(images):
         interpreter.set_tensor(interpreter.get_input_details()[0]["index"], images)
         interpreter.invoke()
-        # As many values as the second dimension says.
-        return [interpreter.get_tensor(output["index"]).ravel()[:output["shape"][1]]]
+        values = interpreter.get_tensor(output["index"])
+        handed_over = output["shape"][1]  # as many as the second dimension says
+        return [values if values.size == handed_over else values.ravel()[:handed_over]]
     return run
 
 
@@ -116,87 +126,101 @@ def convert(source, path, size):
 
 
 def forms(source, sizes):
-    """What is run of a network: the form, a size, the engine and the job of real-models-forward."""
+    """What is run of a network: the form, a size, the engine and the section "network" of MODEL.json."""
     if source.suffix == ".caffemodel":
-        pair, one = [str(next(source.parent.glob("deploy.*"))), str(source)], FOLDER / source.name
-        join(*pair, one)
-        net = cv2.dnn.readNetFromCaffe(*pair)
-        # Among all layers are those that the engine computes together with the next ones when it may.
-        for which, names in (("ends", net.getUnconnectedOutLayersNames()), ("layers", net.getLayerNames())):
-            for size in sizes:
-                run = load_caffe(pair, names, which == "ends")
-                job = {"engine": "dnn", "output_names": names}
-                yield f"pair, {which}", size, run, {
-                    **job, "dnn_prototxt_path": pair[0], "dnn_caffemodel_path": pair[1]}
-                yield f"one file, {which}", size, run, {**job, "dnn_binary_path": str(one)}
+        weights, one = str(source), FOLDER / source.name
+        text = next(source.parent.glob("deploy.*")).read_text()
+        for size in sizes:
+            prototxt = FOLDER / f"{source.stem} {size[1]}x{size[0]}.prototxt"
+            dims = [f"dim: {number}" for number in (*sizes[0], *size)]
+            prototxt.write_text(re.sub(rf"{dims[0]}(\s+\w*?){dims[1]}", rf"{dims[2]}\1{dims[3]}", text, count=1))
+            pair = [str(prototxt), weights]
+            join(*pair, one)
+            net = cv2.dnn.readNetFromCaffe(*pair)
+            # Among all layers are those that the engine computes together with the next ones when it may.
+            for which, names in (("ends", net.getUnconnectedOutLayersNames()), ("layers", net.getLayerNames())):
+                run, names = load_caffe(pair, names, which == "ends"), {"output_names": names}
+                yield f"pair, {which}", "dnn", size, run, {
+                    **names, "dnn_prototxt_path": pair[0], "dnn_caffemodel_path": pair[1]}
+                yield f"one file, {which}", "dnn", size, run, {**names, "dnn_binary_path": str(one)}
         return
     if source.suffix == ".tflite":
-        yield "tflite", sizes[0], load_tflite(source), {
-            "engine": "tflite", "tflite_model_path": str(source), "output_names": ["output"]}
+        yield "tflite", "tflite", sizes[0], load_tflite(source), {
+            "tflite_model_path": str(source), "output_names": ["output"]}
     for form, fixed in (("IR", sizes[0]), ("open IR", None)):
         path = FOLDER / f"{source.stem} {form}.xml"
-        job = {"engine": "ie", "output_names": convert(source, path, fixed), "batch_size": 1,
-               "ie_cpu_xml_path": str(path), "ie_cpu_bin_path": str(path.with_suffix(".bin"))}
-        yield form, sizes[0], fixed and load_openvino(path, fixed), job
+        network = {"output_names": convert(source, path, fixed), "batch_size": 1,
+                   "ie_cpu_xml_path": str(path), "ie_cpu_bin_path": str(path.with_suffix(".bin"))}
+        yield form, "ie", sizes[0], fixed and load_openvino(path, fixed), network
         batches = (1, 3) if fixed or source.stem not in ONE_IMAGE else (1,)
         for size, batch in itertools.product(sizes, batches):
-            yield f"{form} reshaped", size, load_openvino(path, size), {
-                **job, "batch_size": batch, "input_height": size[0], "input_width": size[1]}
+            yield f"{form} reshaped", "ie", size, load_openvino(path, size), {
+                **network, "batch_size": batch, "input_height": size[0], "input_width": size[1]}
 
 
-def wanted(run, images, batch):
-    """The outputs that Forward() of the first image has to return, then those of Forward() of all."""
-    each = [run(image[np.newaxis]) for image in images]
-    empty = run(np.zeros_like(images[:1]))
-    yield [np.concatenate([own.ravel(), *[slot.ravel()] * (batch - 1)]) for own, slot in zip(each[0], empty)]
-    yield from each
-
-
-def found(images, job):
-    """The same of the library, or the text of its error."""
-    job |= dict(zip(("rows", "cols", "channels"), images.shape[1:]))
-    (FOLDER / "job").write_text(json.dumps(job))
-    (FOLDER / "images").write_bytes(images.tobytes())
-    done = subprocess.run([FORWARD, "job", "images", "answers"], cwd=FOLDER, text=True, timeout=300,
-                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
-    if done.returncode:
-        return f"{done.stdout.strip()} (status {done.returncode})"
-    with open(FOLDER / "answers", "rb") as file:
-        return [np.frombuffer(file.read(4 * int(line)), np.float32) for line in iter(file.readline, b"")]
+def say(command, network, size, preparation, *arguments):
+    """What the program says of a model: its status, its document if it gave one, and its errors."""
+    channels, mean, scale = preparation
+    image = {"width": size[1], "height": size[0], "channels": channels, "mean": mean, "scale": scale}
+    (FOLDER / "model.json").write_text(json.dumps({"network": network, "image": image}))
+    done = subprocess.run([PROGRAM, command, "--json", FOLDER / "model.json", *arguments], text=True, timeout=300,
+                          stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+    return done.returncode, json.loads(done.stdout or "{}"), done.stderr.strip()
 
 
 def difference(values, reference):
-    """The largest, as a part of the reference's largest value; infinite where the lengths differ."""
-    if len(values) != reference.size:
+    """The largest, as a part of the reference's largest value; infinite where the shapes differ."""
+    if values.shape not in (reference.shape, (reference.size,)):
         return np.inf
-    return np.abs(values - reference.ravel()).max() / (np.abs(reference).max() or 1)
+    return np.abs(values.ravel() - reference.ravel()).max() / (np.abs(reference).max() or 1)
 
 
-def compare(run, images, job):
+def compare(run, backend, network, size, preparation):
     """How many outputs were compared, the largest difference, and what is wrong."""
-    values = found(images, job)
+    paths = resize(size)
+    status, document, error = say("outputs", network, size, preparation, *paths, "--backend", backend, "--save",
+                                  FOLDER / "arrays")
     if not run:  # the network has no size
-        refused = isinstance(values, str) and "input_width" in values and "input_height" in values
-        return 0, 0, "" if refused else f"WITHOUT A SIZE: {values if isinstance(values, str) else 'it ran'}"
-    if isinstance(values, str):
-        return 0, 0, f"REFUSED: {values}"
-    references = list(wanted(run, images, job.get("batch_size", 1)))
-    assert any((a != b).any() for a, b in zip(*references[1:3])), "the photographs make no difference"
+        refused = "input_width" in error and "input_height" in error
+        return 0, 0, "" if refused else f"WITHOUT A SIZE: {error or 'it ran'}"
+    if status:
+        return 0, 0, f"REFUSED: {error} (status {status})"
+    values = [np.load(output["saved"]) for image in document["images"] for output in image["outputs"]]
+    references = [run(image[np.newaxis]) for image in prepare(paths, *preparation)]
+    assert any((a != b).any() for a, b in zip(*references[:2])), "the photographs make no difference"
     parts = [difference(*pair) for pair in zip(values, itertools.chain(*references), strict=True)]
-    wrong = [f"{name} by {part:.1e}" for name, part in zip(itertools.cycle(job["output_names"]), parts)
+    wrong = [f"{name} by {part:.1e}" for name, part in zip(itertools.cycle(network["output_names"]), parts)
              if not part <= LIMIT]
     return len(parts), max(parts), f"DIFFERS: {wrong[0]} first, {len(wrong)} in all" if wrong else ""
 
 
+def check(network, size, preparation):
+    """What is wrong with what "check" says of these forms."""
+    _, document, error = say("check", network, size, preparation)
+    sizes = [[output["values"] for output in form.get("outputs", [])] for form in document.get("forms", [])]
+    # Other forms give all values of an output.
+    agree = all(a == b for a, b in itertools.pairwise(sizes) for a, b in zip(a, b))
+    inputs = [form.get("input") for form in document.get("forms", [])]
+    wanted = {"width": size[1], "height": size[0], "channels": 3}
+    right = sizes and all(sizes) and all(each == wanted for each in inputs) and document["passed"] == agree
+    print(f"  check: {len(sizes)} forms, {'passed' if document.get('passed') else 'not passed'}")
+    return "" if right else f"CHECK: {error} {json.dumps(document)}"
+
+
 compared, largest, faults = 0, 0, []
 for file, sizes, *preparation in NETWORKS:
-    for form, size, run, job in forms(SITE / file, sizes):
-        count, part, fault = compare(run, prepare(size, *preparation), job)
+    together = {}
+    for form, backend, size, run, network in forms(SITE / file, sizes):
+        count, part, fault = compare(run, backend, network, size, preparation)
         compared, largest = compared + count, max(largest, part)
         faults += [fault] if fault else []
-        print(f"{Path(file).stem}, {form}, {size[1]} x {size[0]}, batch {job.get('batch_size', 1)}: "
+        print(f"{Path(file).stem}, {form}, {size[1]} x {size[0]}, batch {network.get('batch_size', 1)}: "
               f"{fault or (f'{count} outputs, {part:.1e}' if count else 'asks for a size')}", flush=True)
+        together |= network if form in ("pair, ends", "tflite", "IR") and size == sizes[0] else {}
+    fault = check(together, sizes[0], preparation)
+    faults += [fault] if fault else []
 refused = sum(fault.startswith("REFUSED") for fault in faults)
 print(f"real models: {len(NETWORKS)} networks, {compared} comparisons, {refused} refused, "
       f"{len(faults) - refused} wrong, largest difference {largest:.1e}")
+print("\n".join(faults))
 sys.exit(1 if faults else 0)
