@@ -20,7 +20,7 @@ struct Character {
 /// what is written, or hide. Accents and vowels that go over another letter take none either.
 int Columns(wchar_t code) {
   static const std::wctype_t combining = std::wctype("combining");
-  const auto character = static_cast<std::wint_t>(code);
+  const std::wint_t character = std::char_traits<wchar_t>::to_int_type(code);
   const int width = wcwidth(code);
   return width != 0 || std::iswalpha(character) != 0 || std::iswctype(character, combining) != 0
              ? width
