@@ -170,10 +170,11 @@ Fault LookAtOptions(const Step& step) {
         std::min({pool->stride_w(), pool->stride_h(), pool->filter_width(), pool->filter_height()});
     return least < 1 ? "its strides and windows must be at least 1" : "";
   }
-  if (const auto* const split = table.builtin_options_as_SplitOptions();
-      code == BuiltinOperator::SPLIT && split != nullptr) {
-    return static_cast<std::uint32_t>(split->num_splits()) != step.outputs().size()
-               ? fmt::format("it splits into {}", split->num_splits())
+  if (code == BuiltinOperator::SPLIT) {
+    const auto* const split = table.builtin_options_as_SplitOptions();
+    const std::int32_t parts = split == nullptr ? 0 : split->num_splits();
+    return static_cast<std::uint32_t>(parts) != step.outputs().size()
+               ? fmt::format("it splits into {}", parts)
                : "";
   }
   if (const auto* const lrn = table.builtin_options_as_LocalResponseNormalizationOptions();
