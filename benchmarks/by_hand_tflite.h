@@ -14,6 +14,10 @@ extern "C" TfLiteModel* TfLiteModelCreateFromFileWithErrorReporter(const char* p
                                                                    TfLiteReport report,
                                                                    void* user_data);
 
+// Debian's build of the engine has none.
+#pragma weak TfLiteXNNPackDelegateCreate
+#pragma weak TfLiteXNNPackDelegateDelete
+
 inline void Ignore(void* /*user_data*/, const char* /*format*/, va_list /*arguments*/) {}
 
 class ByHand {
@@ -22,7 +26,9 @@ class ByHand {
       : model_(TfLiteModelCreateFromFileWithErrorReporter(
             (std::string(task.name) + ".tflite").c_str(), Ignore, nullptr)) {
     TfLiteInterpreterOptions* const options = TfLiteInterpreterOptionsCreate();
-    TfLiteInterpreterOptionsAddDelegate(options, delegate_);
+    if (delegate_ != nullptr) {
+      TfLiteInterpreterOptionsAddDelegate(options, delegate_);
+    }
     interpreter_ = TfLiteInterpreterCreate(model_, options);
     TfLiteInterpreterOptionsDelete(options);
     TfLiteInterpreterAllocateTensors(interpreter_);
@@ -31,7 +37,9 @@ class ByHand {
   ByHand& operator=(const ByHand&) = delete;
   ~ByHand() {
     TfLiteInterpreterDelete(interpreter_);
-    TfLiteXNNPackDelegateDelete(delegate_);
+    if (delegate_ != nullptr) {
+      TfLiteXNNPackDelegateDelete(delegate_);
+    }
     TfLiteModelDelete(model_);
   }
 
@@ -57,6 +65,7 @@ class ByHand {
   }
 
   TfLiteModel* model_;
-  TfLiteDelegate* delegate_ = TfLiteXNNPackDelegateCreate(nullptr);
+  TfLiteDelegate* delegate_ =
+      TfLiteXNNPackDelegateCreate != nullptr ? TfLiteXNNPackDelegateCreate(nullptr) : nullptr;
   TfLiteInterpreter* interpreter_;
 };
