@@ -491,11 +491,13 @@ TEST_F(Program, ChecksFormsInProcessesOfTheirOwn) {
 }
 
 TEST_F(Program, BenchMeasuresAndShowsProgressOnATerminalOnly) {
-  const std::vector<std::string> arguments = {"bench",   kModel, "--iterations", "2000",
-                                              "--batch", "3",    "--json"};
+  // Long enough, on any machine, for the bar to appear.
+  std::vector<std::string> arguments = {"bench",   kModel, "--iterations", "10000",
+                                        "--batch", "3",    "--json"};
   const Finished finished = Run(arguments, ErrorTo::kTerminal);
   EXPECT_NE(finished.error.find("\r[##"), std::string::npos) << finished.error;
   EXPECT_TRUE(finished.error.ends_with("\r\x1b[K")) << finished.error;  // and takes it away
+  arguments[3] = "5000";
   EXPECT_EQ(Run(arguments).error.find('\r'), std::string::npos);
 
   const Json::Value report = Parse(finished.output);
