@@ -1,5 +1,6 @@
 // A host that loads the library at run time, uses it, and unloads it, again and again.
 #include <dlfcn.h>
+#include <gtest/gtest.h>
 #include <malloc.h>
 #include <unistd.h>
 
@@ -10,7 +11,7 @@
 #include <string>
 
 #include "support/hostile.h"
-#include "support/own_namespace.h"
+#include "support/machine.h"
 
 namespace {
 
@@ -33,7 +34,7 @@ std::size_t ResidentKilobytes() {
 class Host : public testing::TestWithParam<const char*> {};
 
 TEST_P(Host, SlowLoadsUsesAndUnloadsNetworksInTheSameMemory) {
-  NEED_OWN_NAMESPACE();
+  velmora::test::NewMachine();
   const std::string backend = GetParam();
   const auto start = std::chrono::steady_clock::now();
   std::size_t warm = 0;
@@ -48,7 +49,7 @@ TEST_P(Host, SlowLoadsUsesAndUnloadsNetworksInTheSameMemory) {
       const bool with_gpu = VELMORA_HAS_GPU && backend == "ie" && i % 2 == 0;
       setenv("VELMORA_TEST_PLATFORM", (backend + (with_gpu ? " gpu" : "")).c_str(), 1);
       ASSERT_TRUE(use(with_gpu));
-      velmora::test::TakeSyslog();
+      velmora::test::TakeLog();
       if (++done == kWarmUp) {
         warm = ResidentKilobytes();
       }

@@ -6,8 +6,7 @@
 #include <cstdlib>
 #include <memory>
 
-#include "support/own_namespace.h"
-#include "support/platform_stand_in.h"
+#include "support/machine.h"
 #include "support/sample_model.h"
 
 namespace velmora::plugin::network {
@@ -30,7 +29,7 @@ NetworkConfig Sample() {
 
 std::unique_ptr<BaseNetwork> Create(const NetworkConfig& config, const std::string& platform) {
   setenv("VELMORA_TEST_PLATFORM", platform.c_str(), 1);
-  test::TakeSyslog();
+  test::TakeLog();
   TakeQuestions();
   return std::unique_ptr<BaseNetwork>(CreateNetwork(config));
 }
@@ -52,12 +51,7 @@ char Chosen(const NetworkConfig& config, const std::string& platform) {
   }
 }
 
-class CreateNetworkTest : public testing::Test {
- protected:
-  void SetUp() override { NEED_OWN_NAMESPACE(); }
-};
-
-TEST_F(CreateNetworkTest, AsksTheMachineFirstAndTheFlagsSecond) {
+TEST(CreateNetworkTest, AsksTheMachineFirstAndTheFlagsSecond) {
   // For no flag, dnn, tflite, tflite + dnn, ie, ie + dnn, ie + tflite, all.
   const std::pair<const char*, std::string> table[] = {
       {"", "xdxdxdxd"}, {"tflite", "xdttxdtt"}, {"ie", "xdxdiiii"}, {"ie tflite", "xdttiiii"}};
@@ -83,8 +77,6 @@ TEST_F(CreateNetworkTest, AsksTheMachineFirstAndTheFlagsSecond) {
 
 class NetworkContract : public testing::TestWithParam<const char*> {
  protected:
-  void SetUp() override { NEED_OWN_NAMESPACE(); }
-
   std::unique_ptr<BaseNetwork> Network(NetworkConfig config = Sample()) const {
     config.enable_dnn = backend_ == "dnn";
     config.enable_ie = config.enable_tflite = !config.enable_dnn;

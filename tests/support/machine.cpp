@@ -1,0 +1,214 @@
+#include "support/machine.h"
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string_view>
+#include <utility>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+/// The folder, which programs that a test runs find in the environment.
+class Root {
+ public:
+  Root() {
+    const char* const given = std::getenv("VELMORA_TEST_MACHINE");
+    if (given == nullptr) {
+      path_ = fs::temp_directory_path() / "velmora-test-XXXXXX";
+      if (mkdtemp(path_.data()) == nullptr) {
+        std::perror(path_.c_str());
+        std::abort();
+      }
+      fs::permissions(path_, fs::perms(0755));  // tests have other users
+      setenv("VELMORA_TEST_MACHINE", path_.c_str(), 1);
+      maker_ = getpid();
+    } else {
+      path_ = given;
+    }
+    log_ = open((path_ + "/log").c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+  }
+  ~Root() {
+    std::error_code ignored;
+    if (getpid() == maker_) {
+      fs::remove_all(path_, ignored);
+    }
+  }
+  const std::string& path() const { return path_; }
+  int log() const { return log_; }
+
+ private:
+  std::string path_;
+  pid_t maker_ = -1;
+  int log_;
+} root;  // until it is made, nothing is moved
+
+/// Where a path is. Allocates nothing: one of the tests lets allocations fail.
+class Moved {
+ public:
+  explicit Moved(const char* path) : path_(path) {
+    constexpr std::string_view appliance[] = {
+        "/tmp/Reelhouse",        "/etc.defaults/", "/var/packages/",     "/run/tmp/factory/",
+        "/usr/lib/firmware/rtd", "/proc/cpuinfo",  "/proc/karv_platform"};
+    for (const std::string_view begin : appliance) {
+      if (std::string_view(path).starts_with(begin) && !root.path().empty()) {
+        std::snprintf(moved_, sizeof moved_, "%s/proc", root.path().c_str());
+        if (!begin.starts_with("/proc") || faccessat(AT_FDCWD, moved_, F_OK, 0) == 0) {
+          std::snprintf(moved_, sizeof moved_, "%s%s", root.path().c_str(), path);
+          path_ = moved_;
+        }
+      }
+    }
+  }
+  operator const char*() const { return path_; }
+
+ private:
+  const char* path_;
+  char moved_[PATH_MAX];
+};
+
+template <typename Function>
+Function* Next(const char* name) {
+  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+void Write(int priority, const char* format, va_list arguments) {
+  char line[16384];
+  const int head = std::snprintf(line, sizeof line, "%d ", priority);
+  const int text =
+      std::vsnprintf(line + head, sizeof line - static_cast<std::size_t>(head), format, arguments);
+  // With the zero behind it, which ends the line.
+  static_cast<void>(!write(root.log(), line, static_cast<std::size_t>(head + text + 1)));
+}
+
+}  // namespace
+
+#pragma GCC visibility push(default)
+
+namespace velmora {
+
+std::string test::Place(const std::string& path) {
+  fs::create_directories(root.path() + fs::path(path).parent_path().string());
+  return root.path() + path;
+}
+
+std::string test::PlaceFile(const std::string& path, const std::string& text) {
+  std::ofstream(Place(path)) << text;
+  return Place(path);
+}
+
+void test::NewMachine() {
+  for (const fs::path& entry : std::vector<fs::path>(fs::directory_iterator(root.path()), {})) {
+    if (entry.filename() != "log") {
+      fs::remove_all(entry);
+    }
+  }
+  fs::create_directory(root.path() + "/test");
+  fs::current_path(root.path() + "/test");
+  TakeLog();
+  TakeQuestions();
+}
+
+std::vector<test::LogLine> test::TakeLog() {
+  std::vector<LogLine> lines;
+  std::ifstream file(root.path() + "/log");
+  for (std::string line; std::getline(file, line, '\0');) {
+    lines.push_back({std::stoi(line), line.substr(line.find(' ') + 1)});
+  }
+  static_cast<void>(!ftruncate(root.log(), 0));
+  return lines;
+}
+
+namespace {
+
+std::string questions;
+
+bool Answer(const std::string& engine) {
+  questions += (questions.empty() ? "" : " ") + engine;
+  const char* const supported = std::getenv("VELMORA_TEST_PLATFORM");
+  return supported != nullptr &&
+         (" " + std::string(supported) + " ").find(" " + engine + " ") != std::string::npos;
+}
+
+}  // namespace
+
+std::string test::TakeQuestions() { return std::exchange(questions, {}); }
+
+namespace plugin::platform {
+
+bool IsSupportedIENetwork() { return Answer("ie"); }
+bool IsSupportedTFLiteNetwork() { return Answer("tflite"); }
+bool IsSupportedIENetworkGpu() {
+  const char* const drivers = std::getenv("OCL_ICD_VENDORS");
+  const bool answer = Answer("gpu");
+  questions += drivers == nullptr ? "" : " " + std::string(drivers);
+  return answer;
+}
+
+}  // namespace plugin::platform
+}  // namespace velmora
+
+// The functions by which the library, the engines and their C++ libraries reach files.
+#define MOVE(result, name, parameters, ...)                   \
+  result name parameters {                                    \
+    static auto* const next = Next<result parameters>(#name); \
+    return next(__VA_ARGS__);                                 \
+  }
+#define MOVE_OPEN(name)                                                    \
+  int name(const char* path, int flags, ...) {                             \
+    static auto* const next = Next<int(const char*, int, ...)>(#name);     \
+    va_list more;                                                          \
+    va_start(more, flags);                                                 \
+    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(more, mode_t) : 0; \
+    va_end(more);                                                          \
+    return next(Moved(path), flags, mode);                                 \
+  }
+
+extern "C" {
+
+MOVE_OPEN(open)
+MOVE_OPEN(open64)
+MOVE(int, __open_2, (const char* path, int flags), Moved(path), flags)
+MOVE(FILE*, fopen, (const char* path, const char* mode), Moved(path), mode)
+MOVE(FILE*, fopen64, (const char* path, const char* mode), Moved(path), mode)
+MOVE(int, stat, (const char* path, struct stat* status) noexcept, Moved(path), status)
+MOVE(int, __xstat, (int version, const char* path, struct stat* status) noexcept, version,
+     Moved(path), status)
+MOVE(int, __lxstat, (int version, const char* path, struct stat* status) noexcept, version,
+     Moved(path), status)
+MOVE(int, faccessat, (int folder, const char* path, int mode, int flags) noexcept, folder,
+     Moved(path), mode, flags)
+MOVE(int, chmod, (const char* path, mode_t mode) noexcept, Moved(path), mode)
+MOVE(int, mkdir, (const char* path, mode_t mode) noexcept, Moved(path), mode)
+MOVE(int, remove, (const char* path) noexcept, Moved(path))
+MOVE(int, posix_spawn,
+     (pid_t * process, const char* path, const posix_spawn_file_actions_t* actions,
+      const posix_spawnattr_t* attributes, char* const* arguments, char* const* environment),
+     process, Moved(path), actions, attributes, arguments, environment)
+
+void syslog(int priority, const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  Write(priority, format, arguments);
+  va_end(arguments);
+}
+
+void __syslog_chk(int priority, int, const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  Write(priority, format, arguments);
+  va_end(arguments);
+}
+
+}  // extern "C"
