@@ -16,9 +16,9 @@
 #include <openvino/opsets/opset8.hpp>
 
 #include "support/network.h"
+#include "support/own_folder.h"
 #include "support/own_namespace.h"
 #include "support/platform_stand_in.h"
-#include "support/processes.h"
 
 namespace {
 

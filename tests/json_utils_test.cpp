@@ -1,14 +1,11 @@
-// The locks, and the JSON files under them.
 #include <fcntl.h>
 #include <json/json.h>
 #include <reelhouse/json_utils.h>
-#include <reelhouse/lock.h>
 #include <sys/file.h>
-#include <sys/mount.h>
 #include <sys/resource.h>
 
+#include <filesystem>
 #include <functional>
-#include <map>
 
 #include "support/processes.h"
 
@@ -18,151 +15,116 @@ using namespace velmora::test;
 
 namespace {
 
-class JsonUtilsTest : public OwnFolderTest {};
+constexpr auto readers = {ReadJsonFromFile, ReadJsonFromFileWithoutLock};
+constexpr auto writers = {WriteJsonToFile, WriteJsonToFileWithoutLock};
 
-/// What five operations on one path do: r, R read with and without the lock, w, W write, l locks.
-/// Then "+" or "-", letters for what was logged, and "=" after a write that reads back equal.
-std::string Outcome(const std::string& path, const Json::Value& document) {
-  const std::map<std::string, char> known = {
-      {"11 json_utils.cpp:# Failed to parse json file [" + path + "]", 'P'},
-      {"11 json_utils.cpp:# failed to write json file [" + path + "]", 'F'},
-      {"11 json_utils.cpp:# Bad parameter", 'B'},
-      {"11 lock.cpp:# Find dir path failed " + path, 'N'},
-      {"11 lock.cpp:# Fail to create dir [" + path.substr(0, path.rfind('/')) + "]", 'D'},
-  };
-  std::string outcome;
-  const auto note = [&](char operation, bool result) {
-    outcome += {' ', operation, result ? '+' : '-'};
-    for (const std::string& line : LogLines()) {
-      outcome += known.count(line) != 0 ? std::string(1, known.at(line)) : line;
-    }
-  };
-  Json::Value root;
-  note('r', ReadJsonFromFile(path, root));
-  note('R', ReadJsonFromFileWithoutLock(path, root));
-  for (const auto write : {WriteJsonToFile, WriteJsonToFileWithoutLock}) {
-    note(write == WriteJsonToFile ? 'w' : 'W', write(path, document));
-    outcome += !path.empty() && ReadJsonFromFile(path, root) && root == document ? "=" : "";
-    TakeSyslog();
-  }
-  note('l', Lock(path, true).IsLockSucess());
-  return outcome;
-}
+class JsonUtilsTest : public MachineTest {};
 
 TEST_F(JsonUtilsTest, EveryPathAndContentHasItsOutcome) {
-  for (const char* const mounted : {"full", "readonly"}) {
-    fs::create_directory(mounted);
-    ASSERT_EQ(0, mount("none", mounted, "tmpfs", 0, "size=16k"));
-    SetText(std::string(mounted) + "/file", "[]");
-  }
-  fs::resize_file("full/file", 0);
-  SetText("full/filler", std::string(20'000, ' '));
-  ASSERT_EQ(0, mount(nullptr, "readonly", nullptr, MS_REMOUNT | MS_RDONLY, nullptr));
   fs::create_directory("folder");
   ASSERT_EQ(0, mkfifo("fifo", 0666));
-  SetText("private", "[]");
-  chmod("private", 0600);
-  const auto nothing = [] {};
-  const auto no_descriptors = [] {
-    Outcome("./before", {});  // a sanitizer's look at the streams needs some, once
-    const int next = dup(0);
-    close(next);
-    const rlimit none_left = {static_cast<rlim_t>(next), static_cast<rlim_t>(next)};
-    EXPECT_EQ(0, setrlimit(RLIMIT_NOFILE, &none_left));
-  };
-  const Json::Value small = "x";
-  const Json::Value large = std::string(50'000, 'x');
   const std::string deep(99, '[');  // one level less than may be
   const std::string end(99, ']');
+  enum Outcome { kDone, kFails, kFailsAndLogs };
   const struct {
-    const char* path;
+    std::string path;
     std::string text;  // written there first, unless it is empty
-    const Json::Value& document;
-    const char* outcome;
-    std::function<void()> before;
+    Outcome read;
+    Outcome write;
   } cases[] = {
-      {"./1", "{\"a\": [1, 2.5, \"x\"]} // why\n", large, " r+ R+ w+= W+= l+", nothing},
-      {"./2", deep + "[\"\\\"[{" + deep + "\"] // [[{\n/*" + deep + "*/" + end, small,
-       " r+ R+ w+= W+= l+", nothing},
-      {"./3", deep + "[[]]" + end, small, " r-P R-P w+= W+= l+", nothing},
-      {"./new", "", small, " r- R- w+= W+= l+", nothing},
-      {"./missing/x", "", small, " r- R- w-F W-F l+", nothing},
-      {"", "", small, " r-B R-B w-B W-B l-N", nothing},
-      {"name", "{", small, " r-P R-P w+= W+= l-N", nothing},
-      {"./folder", "", small, " r-P R-P w-F W-F l-", nothing},
-      {"./fifo", "", small, " r- R- w-F W-F l-", nothing},
-      {"/dev/null", "", small, " r- R- w-F W-F l-", nothing},
-      {"./private/y/x", "", small, " r- R- w-F W-F l-D", nothing},
-      {"./readonly/file", "", small, " r+ R+ w-F W-F l+", nothing},
-      {"./readonly/new", "", small, " r- R- w-F W-F l-", nothing},
-      // A short document fails as the file is closed, which is not reported.
-      {"./full/file", "", small, " r-P R-P w+ W+ l+", nothing},
-      {"./full/file", "", large, " r-P R-P w-F W-F l+", nothing},
-      {"./private", "", small, " r- R- w-F W-F l-", no_descriptors},
-      {"./private", "", small, " r- R- w-F W-F l-", SomeoneElse},
+      {"1", "{\"a\": [1, 2.5, \"x\"]} // why\n", kDone, kDone},
+      {"2", deep + "[\"\\\"[{" + deep + "\"] // [[{\n/*" + deep + "*/" + end, kDone, kDone},
+      {"3", "[\"\\\"\"," + deep + "[]" + end + "]", kFailsAndLogs, kDone},
+      {"4", "{", kFailsAndLogs, kDone},
+      {"new", "", kFails, kDone},
+      {"missing/new", "", kFails, kFailsAndLogs},
+      {"folder", "", kFailsAndLogs, kFailsAndLogs},
+      {"fifo", "", kFails, kFailsAndLogs},
+      {"/dev/null", "", kFails, kFailsAndLogs},
+      {"", "", kFailsAndLogs, kFailsAndLogs},
   };
   for (const auto& row : cases) {
     SCOPED_TRACE(row.path);
     if (!row.text.empty()) {
       SetText(row.path, row.text);
     }
-    InChild([&] {
-      row.before();
-      EXPECT_EQ(row.outcome, Outcome(row.path, row.document));
-    });
+    const auto lines = [&](Outcome outcome, const std::string& message) {
+      const std::string text = row.path.empty() ? "Bad parameter" : message + row.path + "]";
+      return outcome == kFailsAndLogs ? Lines{"3 json_utils.cpp: " + text} : Lines();
+    };
+    Json::Value root;
+    for (const auto read : readers) {
+      EXPECT_EQ(row.read == kDone, read(row.path, root));
+      EXPECT_EQ(lines(row.read, "Failed to parse json file ["), LogLines());
+    }
+    for (const Json::Value document : {"longer", "short"}) {
+      for (const auto write : writers) {
+        EXPECT_EQ(row.write == kDone, write(row.path, document));
+        EXPECT_EQ(lines(row.write, "failed to write json file ["), LogLines());
+        EXPECT_TRUE(row.write != kDone || (ReadJsonFromFile(row.path, root) && root == document));
+      }
+    }
   }
-  EXPECT_EQ(0, umount("full"));
-  EXPECT_EQ(0, umount("readonly"));
+  EXPECT_FALSE(fs::exists("missing"));
 }
 
-TEST_F(JsonUtilsTest, CreatesAndLocksAsItsModesSay) {
+TEST_F(JsonUtilsTest, AFullDiskIsReportedUnlessTheTextIsShort) {
+  const struct {
+    std::size_t size;
+    bool written;
+    Lines lines;
+  } cases[] = {
+      {1023, true, {}},  // fails only as the file is closed, which is not reported
+      {1024, false, {"3 json_utils.cpp: failed to write json file [file]"}},
+  };
+  for (const auto& row : cases) {
+    for (const auto write : writers) {
+      InChild([&] {
+        signal(SIGXFSZ, SIG_IGN);
+        const rlimit half = {512, 512};
+        EXPECT_EQ(0, setrlimit(RLIMIT_FSIZE, &half));
+        EXPECT_EQ(row.written, write("file", std::string(row.size - 3, 'x')));  // quotes, a line
+        EXPECT_EQ(row.lines, LogLines());
+      });
+      EXPECT_EQ(512U, fs::file_size("file"));
+    }
+  }
+}
+
+TEST_F(JsonUtilsTest, CreatesAsItsModesSay) {
   umask(0);
   EXPECT_TRUE(WriteJsonToFile("file", {}));
   EXPECT_EQ(0664U, ModeOf("file"));
   EXPECT_TRUE(WriteJsonToFileWithoutLock("unlocked", {}));
   EXPECT_EQ(0666U, ModeOf("unlocked"));
-  EXPECT_TRUE(Lock("./lock", true).IsLockSucess());
-  EXPECT_EQ(0644U, ModeOf("lock"));
-  umask(077);
-  Lock held("/tmp/test/made/by/lock", false);
-  EXPECT_EQ(0755U, ModeOf("made"));
-  EXPECT_EQ(0755U, ModeOf("made/by"));
-  EXPECT_EQ(0600U, ModeOf("made/by/lock"));
-  EXPECT_TRUE(held.IsLockSucess());
-  EXPECT_FALSE(Lock("made/by/lock", false).IsLockSucess());
-  held.UnlockFile();
-  held.UnlockFile();
-  EXPECT_FALSE(held.IsLockSucess());
-  EXPECT_TRUE(Lock("made/by/lock", false).IsLockSucess());
-
-  ASSERT_EQ(0, flock(open("file", O_RDONLY | O_CLOEXEC), LOCK_SH));
-  Json::Value root;
-  EXPECT_TRUE(ReadJsonFromFile("file", root));  // does not wait
-  EXPECT_FALSE(Lock("./file", false).IsLockSucess());
 }
 
-TEST_F(JsonUtilsTest, ALockedReaderNeverSeesHalfADocument) {
-  const Json::Value documents[] = {std::string(20'000, 'a'), std::string(200'000, 'b')};
-  ASSERT_TRUE(WriteJsonToFile("file", documents[0]));
-  const pid_t writer = StartChild([&] {
-    for (unsigned i = 0;; ++i) {
-      WriteJsonToFile("file", documents[i % 2]);
-      usleep(200);  // lets the reader in
-    }
-  });
+TEST_F(JsonUtilsTest, AWriterWaitsForReadersAndAReaderForWriters) {
   Json::Value root;
-  int seen[2] = {};
-  while (seen[0] < 50 || seen[1] < 50) {
-    usleep(200);  // lets the writer in
-    ASSERT_TRUE(ReadJsonFromFile("file", root));
-    ASSERT_TRUE(root == documents[0] || root == documents[1]);
-    ++seen[root == documents[1]];
+  const struct {
+    int held;
+    std::string asked;
+    std::function<bool()> waits;
+    std::string meanwhile;  // in the file
+  } cases[] = {
+      {LOCK_SH, "WRITE", [] { return WriteJsonToFile("file", "new"); }, "old"},
+      {LOCK_EX, "READ", [&] { return ReadJsonFromFile("file", root) && root == "new"; }, "new"},
+  };
+  SetText("file", "\"old\"");
+  for (const auto& row : cases) {
+    const int holder = open("file", O_RDONLY | O_CLOEXEC);
+    ASSERT_EQ(0, flock(holder, row.held));
+    EXPECT_TRUE(row.held == LOCK_EX || ReadJsonFromFile("file", root));  // readers share
+    const pid_t waiter = StartChild([&] { EXPECT_TRUE(row.waits()); });
+    const std::string line = "-> FLOCK  ADVISORY  " + row.asked + " " + std::to_string(waiter);
+    while (Text("/proc/locks").find(line) == std::string::npos) {
+      ASSERT_EQ(0, waitpid(waiter, nullptr, WNOHANG)) << "did not wait";
+      usleep(1000);
+    }
+    EXPECT_TRUE(ReadJsonFromFileWithoutLock("file", root) && root == row.meanwhile);
+    flock(holder, LOCK_UN);  // the waiter has the descriptor too
+    EXPECT_EQ(0, EndOf(waiter));
   }
-  // Without the lock halves are there to be seen.
-  while (ReadJsonFromFileWithoutLock("file", root)) {
-  }
-  kill(writer, SIGKILL);
-  EXPECT_EQ(-SIGKILL, EndOf(writer));
 }
 
 }  // namespace

@@ -11,7 +11,7 @@
 #include <climits>
 #include <thread>
 
-#include "support/processes.h"
+#include "support/own_folder.h"
 
 namespace fs = std::filesystem;
 using librh::util::PlatformUtils;

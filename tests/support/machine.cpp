@@ -4,7 +4,9 @@
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <syslog.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <climits>
@@ -77,6 +79,10 @@ class Moved {
   const char* path_;
   char moved_[PATH_MAX];
 };
+
+// Times the machine's own; by VELMORA_TEST_SPEED.
+const long speed =
+    std::getenv("VELMORA_TEST_SPEED") == nullptr ? 1 : std::atol(std::getenv("VELMORA_TEST_SPEED"));
 
 template <typename Function>
 Function* Next(const char* name) {
@@ -196,6 +202,24 @@ MOVE(int, posix_spawn,
      (pid_t * process, const char* path, const posix_spawn_file_actions_t* actions,
       const posix_spawnattr_t* attributes, char* const* arguments, char* const* environment),
      process, Moved(path), actions, attributes, arguments, environment)
+
+// Time passes VELMORA_TEST_SPEED times as fast. What waits for a point in time and is not below
+// waits longer, by the machine's own clock.
+int clock_gettime(clockid_t clock, timespec* time) noexcept {
+  const long result = syscall(SYS_clock_gettime, clock, time);
+  if (clock == CLOCK_MONOTONIC && speed > 1) {
+    const long fast = (time->tv_sec * 1'000'000'000 + time->tv_nsec) * speed;
+    *time = {fast / 1'000'000'000, fast % 1'000'000'000};
+  }
+  return static_cast<int>(result);
+}
+
+int nanosleep(const timespec* time, timespec* left) {
+  static auto* const next = Next<int(const timespec*, timespec*)>("nanosleep");
+  const long slow = (time->tv_sec * 1'000'000'000 + time->tv_nsec) / speed;
+  const timespec shorter = {slow / 1'000'000'000, slow % 1'000'000'000};
+  return next(&shorter, left);
+}
 
 void syslog(int priority, const char* format, ...) {
   va_list arguments;

@@ -1,5 +1,5 @@
-// What the tests of the video-service code share: real child processes, and syslog lines to
-// compare.
+// What the tests of the video-service code share: a machine of the test's own, real child
+// processes, files, and the lines of the log to compare.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -7,7 +7,6 @@
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <syslog.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -18,23 +17,18 @@
 #include <string>
 #include <vector>
 
-#include "support/own_namespace.h"
+#include "support/machine.h"
 
 namespace velmora::test {
 
 using Lines = std::vector<std::string>;
 
-/// Starts in an empty folder. A hang is a failure.
-class OwnFolderTest : public testing::Test {
+/// Starts on a new machine, in an empty folder. A hang is a failure.
+class MachineTest : public testing::Test {
  protected:
   void SetUp() override {
-    NEED_OWN_NAMESPACE();
-    std::filesystem::remove_all("/tmp/test");
-    std::filesystem::create_directory("/tmp/test");
-    std::filesystem::current_path("/tmp/test");
+    NewMachine();
     umask(022);
-    syslog(LOG_ERR, "opens its descriptor, for children that can open no more");
-    TakeSyslog();
     alarm(300);
   }
 };
@@ -66,32 +60,22 @@ void InChild(Body body) {
   EXPECT_EQ(0, EndOf(StartChild(body)));
 }
 
-/// For children: from now on they are another user. Where there is none, they end.
-inline void SomeoneElse() {
-  if (setuid(65534) != 0) {
-    std::puts("skipped: only one user here");
-    std::fflush(nullptr);
-    _exit(0);
-  }
-}
-
-/// Every line since the last call as "priority file.cpp:# text"; 11 is LOG_ERR, 14 LOG_INFO, both
-/// with the facility that syslog adds where none is given.
+/// Every line since the last call as "priority file.cpp: text", without the number of the source
+/// line; 3 is LOG_ERR, 6 LOG_INFO.
 inline Lines LogLines() {
   Lines lines;
-  for (const SyslogLine& line : TakeSyslog()) {
-    std::string text = line.text;
-    const std::size_t begin = text.find(".cpp:") + 5;
-    const std::size_t end = text.find(' ', begin);
-    EXPECT_GT(std::atoi(text.c_str() + begin), 0) << text;
-    lines.push_back(std::to_string(line.priority) + " " + text.replace(begin, end - begin, "#"));
+  for (const auto& [priority, text] : TakeLog()) {
+    const std::size_t number = text.find(".cpp:") + 5;
+    EXPECT_GT(std::atoi(text.c_str() + number), 0) << text;
+    lines.push_back(std::to_string(priority) + " " + text.substr(0, number) +
+                    text.substr(text.find(' ', number)));
   }
   return lines;
 }
 
 inline std::string Text(const std::string& path) {
   std::ostringstream text;
-  text << std::ifstream(path).rdbuf();  // a file that fails half-way is as long as it was read
+  text << std::ifstream(path).rdbuf();
   return text.str();
 }
 
@@ -100,9 +84,7 @@ inline void SetText(const std::string& path, const std::string& text) {
 }
 
 inline unsigned ModeOf(const std::string& path) {
-  struct stat status = {};
-  EXPECT_EQ(0, stat(path.c_str(), &status)) << path;
-  return status.st_mode & 07777U;
+  return static_cast<unsigned>(std::filesystem::status(path).permissions());
 }
 
 }  // namespace velmora::test
