@@ -37,20 +37,16 @@ TEST_F(LockTest, WithoutALockSaysWhyForFolders) {
   fs::create_directory("folder");
   SetText("file", "");
   ASSERT_EQ(0, mkfifo("fifo", 0666));
-  const struct {
-    std::string path;
-    Lines lines;
-  } cases[] = {
+  const std::pair<std::string, Lines> cases[] = {
       {"name", {"3 lock.cpp: Find dir path failed name"}},
       {"./file/new/lock", {"3 lock.cpp: Fail to create dir [./file/new]"}},
       {"./folder", {}},
       {"./fifo", {}},
       {"/dev/null", {}},
   };
-  for (const auto& row : cases) {
-    SCOPED_TRACE(row.path);
-    EXPECT_FALSE(Lock(row.path, true).IsLockSucess());
-    EXPECT_EQ(row.lines, LogLines());
+  for (const auto& [path, lines] : cases) {
+    EXPECT_FALSE(Lock(path, true).IsLockSucess()) << path;
+    EXPECT_EQ(lines, LogLines()) << path;
   }
   EXPECT_FALSE(fs::exists("name"));
 }

@@ -1,13 +1,10 @@
 // The record of transcodes: in use, when a call fails, when a process dies, and when somebody on
 // the machine means harm. docs/transcoding-record.md says the same in words.
 #include <json/json.h>
-#include <reelhouse/json_utils.h>
 #include <reelhouse/trans_loading.h>
 
 #include <filesystem>
 #include <iterator>
-#include <new>
-#include <optional>
 #include <set>
 
 #include "support/processes.h"
@@ -16,17 +13,6 @@
 namespace fs = std::filesystem;
 using namespace LibReelhouse;
 using namespace velmora::test;
-
-int allocations_left = -1;  // until one finds no memory; negative for none that does not
-
-void* operator new(std::size_t size) {
-  void* const memory = allocations_left-- == 0 ? nullptr : std::malloc(size);
-  return memory != nullptr ? memory : throw std::bad_alloc();
-}
-
-// Not inlined, or the compiler takes the pair for a mistake.
-[[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
-[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
 
 namespace {
 
@@ -139,24 +125,6 @@ TEST_F(TransLoadingTest, LoadsTheLiveEntriesAndNothingElse) {
   }
 }
 
-TEST_F(TransLoadingTest, WithoutMemoryNothingThrowsOrClaimsToHaveWritten) {
-  const std::string file = fs::current_path() / "file";
-  const Json::Value document = std::string(2000, 'x');
-  for (bool failed = true; failed;) {
-    static int failures = 0;
-    SetText(file, "[]");
-    std::optional<TransLoading> transaction(std::in_place);
-    allocations_left = failures++;
-    transaction->SaveTransPID(getpid(), true, true);
-    transaction->RemoveTransPIDLock(getpid());
-    transaction.reset();
-    const bool written = WriteJsonToFile(file, document);
-    failed = allocations_left < 0;
-    allocations_left = -1;
-    EXPECT_EQ(written, Text(file).size() > 2000);
-  }
-}
-
 TEST_F(TransLoadingTest, ProcessesThatShareTheRecordLoseNothing) {
   pid_t users[8];
   for (pid_t& user : users) {
@@ -179,12 +147,8 @@ TEST_F(TransLoadingTest, ProcessesThatShareTheRecordLoseNothing) {
 
 // ---- one system call at a time ------------------------------------------------------------------
 
-const std::vector<std::string> all_calls = {"openat", "newfstatat", "flock", "read",
-                                            "write",  "close",      "chmod"};
-
-/// strace spoils one call on the record after the other for `velmora-transcode add`, each in a run
-/// of its own. That makes two transactions: if one left the lock behind, the other would wait for
-/// ever.
+/// strace spoils one call on the record after the other, each in a run of `velmora-transcode add`.
+/// That makes two transactions: if one left the lock behind, the other would wait for ever.
 class TransLoadingFaultTest : public TransLoadingTest {
  protected:
   void SetUp() override {
@@ -196,37 +160,39 @@ class TransLoadingFaultTest : public TransLoadingTest {
 
   /// Each run begins with a record of other entries, and `look` sees the call and these.
   template <typename Look>
-  void SpoilEach(const std::vector<std::string>& calls, const std::string& fault, Look look) {
-    for (const std::string& call : calls) {
-      for (const std::size_t entries : {1U, 200U}) {  // less than is written at once, and more
-        bool made = true;
-        for (int n = 1; made; ++n) {
-          const std::string rule = call + ":when=" + std::to_string(n) + ":" + fault;
+  void SpoilEach(const std::string& fault, const std::vector<std::string>& calls, Look look) {
+    const std::string self = std::to_string(getpid());
+    for (const std::size_t entries : {1U, 200U}) {  // less than is written at once, and more
+      for (const std::string& call : calls) {
+        const std::string before = Entries(entries);
+        for (int n = 1;; ++n) {
+          const std::string rule = "inject=" + call + ":when=" + std::to_string(n) + ":" + fault;
           SCOPED_TRACE(rule + ", " + std::to_string(entries) + " entries");
-          const std::string before = Entries(entries);
           SetText(record, before);
-          const Finished finished = RunProcess(
-              {"/usr/bin/env", "strace", "-qq", "-o", "trace", "-P", record, "-e", "inject=" + rule,
-               "-E", "LD_PRELOAD=" VELMORA_TEST_MACHINE_LIBRARY, "-E",
-               "ASAN_OPTIONS=verify_asan_link_order=0:detect_leaks=0", VELMORA_TRANSCODE_PROGRAM,
-               "add", std::to_string(getpid()), "--hardware"});
+          const Finished finished =
+              RunProcess({"/usr/bin/env", "strace", "-qq", "-o", "trace", "-P", record, "-e", rule,
+                          "-E", "LD_PRELOAD=" VELMORA_TEST_MACHINE_LIBRARY, "-E",
+                          "ASAN_OPTIONS=verify_asan_link_order=0:detect_leaks=0",
+                          VELMORA_TRANSCODE_PROGRAM, "add", self, "--hardware"});
           trace_ = Text("trace");
-          made = finished.status == -1 || trace_.find("(INJECTED)") != std::string::npos;
-          EXPECT_TRUE(made || (n > 1 && finished.status == 0)) << finished.error;
-          if (made) {
-            look(call, before.substr(0, before.size() - 2));
+          if (finished.status == 0 && trace_.find("(INJECTED)") == std::string::npos) {
+            EXPECT_GT(n, 1) << "no such call";
+            break;
           }
+          look(call, before.substr(0, before.size() - 2));
         }
       }
     }
   }
 
+  const std::vector<std::string> all_ = {"openat", "newfstatat", "flock", "read",
+                                         "write",  "close",      "chmod"};
   std::string trace_;
 };
 
 TEST_F(TransLoadingFaultTest, NoCallThatFailsLosesAnEntryWithoutALogLine) {
   std::set<std::string> losing;
-  SpoilEach(all_calls, "error=EIO", [&](const std::string& call, const std::string& before) {
+  SpoilEach("error=EIO", all_, [&](auto call, auto before) {
     const Lines lines = LogLines();
     { const TransLoading next; }
     if (!Text(record).starts_with(before)) {
@@ -238,7 +204,7 @@ TEST_F(TransLoadingFaultTest, NoCallThatFailsLosesAnEntryWithoutALogLine) {
 }
 
 TEST_F(TransLoadingFaultTest, ASignalMakesNoCallFail) {
-  SpoilEach({"openat", "flock", "read", "write"}, "error=EINTR", [](auto, auto before) {
+  SpoilEach("error=EINTR", {"openat", "flock", "read", "write"}, [](auto, auto before) {
     EXPECT_EQ(Lines(), LogLines());
     EXPECT_EQ(before + "," + Entry(getpid(), true) + "]\n", Text(record));
   });
@@ -247,7 +213,7 @@ TEST_F(TransLoadingFaultTest, ASignalMakesNoCallFail) {
 TEST_F(TransLoadingFaultTest, OnlyADeathBetweenEmptyingAndWritingLosesEntries) {
   int losses = 0;
   // An error too, or the call would be made before the process dies.
-  SpoilEach(all_calls, "error=EIO:signal=KILL", [&](auto call, auto before) {
+  SpoilEach("error=EIO:signal=KILL", all_, [&](auto call, auto before) {
     const std::string made = trace_.substr(0, trace_.rfind(call + "("));
     const bool between = made.rfind("O_TRUNC") + 1 > made.rfind("write(") + 1;  // 0 for neither
     EXPECT_EQ(between, Text(record).empty());
@@ -263,22 +229,8 @@ TEST_F(TransLoadingFaultTest, OnlyADeathBetweenEmptyingAndWritingLosesEntries) {
 
 TEST_F(TransLoadingTest, WhatOthersPutInItsPlaceIsRefusedSeenOrFollowed) {
   constexpr uid_t self = 0;
-  constexpr uid_t service =
-      65533;  // neither root nor the attacker, to whom all in the folder belongs
+  constexpr uid_t service = 65533;  // neither root nor the attacker, whose the folder is
   const bool has_users = setresuid(service, service, 0) == 0 && setresuid(0, 0, 0) == 0;
-  const auto transact = [](uid_t user) {
-    EXPECT_TRUE(user == self || setuid(user) == 0);
-    TransLoading transaction;
-    const bool locked = transaction.IsLockSucess();
-    EXPECT_EQ(locked, transaction.SaveTransPID(1, true, false));
-    EXPECT_EQ(locked, transaction.IsHardwareTranscoding());
-    EXPECT_EQ(locked, transaction.RemoveTransPIDLock(0));
-    EXPECT_TRUE(locked || !transaction.TransEnable(false));
-    EXPECT_FALSE(transaction.IsOffineConverting());
-    // These go by what was loaded and by the limits of an unknown machine, locked or not.
-    EXPECT_TRUE(transaction.CheckTransEnable(false) && transaction.SoftwareTransEnable());
-    EXPECT_FALSE(transaction.CheckTransEnable(true) || transaction.HardwareTransEnable());
-  };
   const Lines refused = {no_lock, needs_lock, needs_lock, needs_lock, needs_lock, needs_lock};
   const std::string place_one = "echo '[" + Entry(1, true) + "]' >enabled; chmod ";
   const std::string own = fs::current_path();
@@ -290,28 +242,35 @@ TEST_F(TransLoadingTest, WhatOthersPutInItsPlaceIsRefusedSeenOrFollowed) {
     std::string text;  // of the file that the record's path leads to
   } cases[] = {
       {"mkfifo enabled", self, refused, ""},
-      {"ln -s /dev/null enabled", self, refused, ""},
       {"rmdir ../Reelhouse; mkfifo ../Reelhouse", self, refused, ""},
       {"chmod 700 .", service, refused, ""},
       {place_one + "600 enabled", service, refused, Entries(1)},
       {place_one + "644 enabled", service, {not_written, not_back, not_opened}, Entries(1)},
       {place_one + "666 enabled", service, {not_opened}, Entries(2)},
-      {"echo } >enabled; chmod 666 enabled",
-       service,
-       {not_parsed, not_loaded, not_opened},
-       Entries(1)},
       // Left open: what the attacker may not touch is overwritten, or created, by who may.
       {"ln -s " + own + "/ours enabled", self, {not_parsed, not_loaded}, Entries(1)},
       {"ln -s " + own + "/new enabled", self, {not_parsed}, Entries(1)},
   };
   for (const auto& row : cases) {
     if (row.user == self || has_users) {
-      const std::string folder = fs::path(record).parent_path();
-      const std::string command =
-          "rm -rf $0; mkdir $0; cd $0; " + row.attack + (has_users ? "; chown -hR 65534 $0" : "");
+      const std::string command = "rm -rf $0; mkdir $0; cd $0; " + row.attack;
       SCOPED_TRACE(command);
-      EXPECT_EQ(0, RunProcess({"/bin/sh", "-c", command, folder}).status);
-      InChild([&] { transact(row.user); });
+      EXPECT_EQ(0, RunProcess({"/bin/sh", "-c", command + (has_users ? "; chown -hR 65534 $0" : ""),
+                               fs::path(record).parent_path()})
+                       .status);
+      InChild([&] {
+        EXPECT_TRUE(row.user == self || setuid(row.user) == 0);
+        TransLoading transaction;
+        const bool locked = transaction.IsLockSucess();
+        EXPECT_EQ(locked, transaction.SaveTransPID(1, true, false));
+        EXPECT_EQ(locked, transaction.IsHardwareTranscoding());
+        EXPECT_EQ(locked, transaction.RemoveTransPIDLock(0));
+        EXPECT_TRUE(locked || !transaction.TransEnable(false));
+        EXPECT_FALSE(transaction.IsOffineConverting());
+        // These go by what was loaded and by the limits of an unknown machine, locked or not.
+        EXPECT_TRUE(transaction.CheckTransEnable(false) && transaction.SoftwareTransEnable());
+        EXPECT_FALSE(transaction.CheckTransEnable(true) || transaction.HardwareTransEnable());
+      });
       EXPECT_EQ(row.lines, LogLines());
       EXPECT_EQ(row.text, fs::is_regular_file(record) ? Text(record) : "");
     }
