@@ -61,7 +61,7 @@ class Moved {
  public:
   explicit Moved(const char* path) : path_(path) {
     constexpr std::string_view appliance[] = {
-        "/tmp/Reelhouse",        "/etc.defaults/", "/var/packages/",     "/run/tmp/factory/",
+        "/tmp/Reelhouse",        "/etc.defaults/", "/var/packages",      "/run/tmp/factory/",
         "/usr/lib/firmware/rtd", "/proc/cpuinfo",  "/proc/karv_platform"};
     for (const std::string_view begin : appliance) {
       if (std::string_view(path).starts_with(begin) && !root.path().empty()) {
@@ -120,7 +120,9 @@ void test::NewMachine() {
       fs::remove_all(entry);
     }
   }
-  fs::create_directory(root.path() + "/test");
+  for (const char* const folder : {"/test", "/tmp", "/var"}) {
+    fs::create_directory(root.path() + folder);
+  }
   fs::current_path(root.path() + "/test");
   TakeLog();
   TakeQuestions();
@@ -196,8 +198,11 @@ MOVE(int, __lxstat, (int version, const char* path, struct stat* status) noexcep
 MOVE(int, faccessat, (int folder, const char* path, int mode, int flags) noexcept, folder,
      Moved(path), mode, flags)
 MOVE(int, chmod, (const char* path, mode_t mode) noexcept, Moved(path), mode)
+MOVE(int, fchmodat, (int folder, const char* path, mode_t mode, int flags) noexcept, folder,
+     Moved(path), mode, flags)
 MOVE(int, mkdir, (const char* path, mode_t mode) noexcept, Moved(path), mode)
 MOVE(int, remove, (const char* path) noexcept, Moved(path))
+MOVE(char*, realpath, (const char* path, char* resolved) noexcept, Moved(path), resolved)
 MOVE(int, posix_spawn,
      (pid_t * process, const char* path, const posix_spawn_file_actions_t* actions,
       const posix_spawnattr_t* attributes, char* const* arguments, char* const* environment),
