@@ -6,6 +6,7 @@
 #include <numeric>
 #include <opencv2/core.hpp>
 #include <string>
+#include <vector>
 
 namespace velmora::test {
 
@@ -25,6 +26,17 @@ inline cv::Mat Ramp(int rows, int cols, int channels, float first = 0) {
   cv::Mat image(rows, cols, CV_MAKETYPE(CV_32F, channels));
   std::iota(image.ptr<float>(), image.ptr<float>() + rows * cols * channels, first);
   return image;
+}
+
+/// Such an image in planes, times a factor.
+inline std::vector<float> Planes(int pixels, int channels, float factor, float first = 0) {
+  std::vector<float> values;
+  for (int channel = 0; channel < channels; ++channel) {
+    for (int pixel = 0; pixel < pixels; ++pixel) {
+      values.push_back(factor * (first + static_cast<float>(pixel * channels + channel)));
+    }
+  }
+  return values;
 }
 
 }  // namespace velmora::test
