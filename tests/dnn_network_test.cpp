@@ -88,26 +88,26 @@ TEST_F(DnnNetworkTest, RunsOnceForAnImageWhateverIsAskedFor) {
       "layer { name: 'count' type: 'TestHost' bottom: 'data' top: 'count' }"
       "layer { name: 'conv' type: 'Convolution' bottom: 'count' top: 'conv'"
       "        convolution_param { num_output: 1 kernel_size: 1 } }"
-      "layer { name: 'scale' type: 'Scale' bottom: 'conv' top: 'scale'"
-      "        scale_param { bias_term: true } }"
-      "layer { name: 'relu' type: 'ReLU' bottom: 'scale' top: 'relu' }"
+      "layer { name: 'scale' type: 'Scale' bottom: 'conv' top: 'scale' }"
+      "layer { name: 'shift' type: 'Shift' bottom: 'scale' top: 'shift' }"
+      "layer { name: 'relu' type: 'ReLU' bottom: 'shift' top: 'relu' }"
       "layer { name: 'last' type: 'Slice' bottom: 'relu' top: 'a' top: 'b'"
       "        slice_param { axis: 3 slice_point: 1 } }"
       "layer { name: 'last.1' type: 'Power' bottom: 'relu' top: 'd' power_param { scale: 10 } }",
       {{"conv", {1, 1, 1, 1}, 2, 2},
        {"conv", {1}, 1, 1},
        {"scale", {1}, 5, 5},
-       {"scale", {1}, -20, -20}});
+       {"shift", {1}, -20, -20}});
   const cv::Mat image = (cv::Mat_<float>(1, 2) << 0.5F, 4.0F);
   const struct Layer {
     const char* name;
     std::vector<float> values;
     bool is_end;  // which the first run computes, whatever is asked for
-  } layers[] = {{"last", {0}, true},        {"last.0", {0}, true},
+  } layers[] = {{"last", {0}, true},         {"last.0", {0}, true},
                 {"last.1", {0, 250}, true},  // of that name, before the output 1 of "last"
-                {"last.01", {25}, true},    {"count", {0.5F, 4}, false},
-                {"conv", {2, 9}, false},    {"scale", {-10, 25}, false},
-                {"relu.0", {0, 25}, false}};
+                {"last.01", {25}, true},     {"count", {0.5F, 4}, false},
+                {"conv", {2, 9}, false},     {"scale", {10, 45}, false},
+                {"shift", {-10, 25}, false}, {"relu.0", {0, 25}, false}};
   for (const Layer& first : layers) {
     for (const Layer& second : layers) {
       SCOPED_TRACE(std::string(first.name) + " and " + second.name);
