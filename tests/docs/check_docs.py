@@ -1,4 +1,4 @@
-"""Holds the documents to what the programs say and the library writes: check_docs.py PROGRAM..."""
+"""Holds the documents to what the programs say, the library writes and the folders hold: check_docs.py PROGRAM..."""
 
 import re
 import subprocess
@@ -58,6 +58,11 @@ for source, line in lines:
     words = [re.escape(part) for part in re.split(r"%[sd]|\{\}", line.removeprefix("%s:%d "))]
     if not re.search("`" + r"[^`\n]+".join(words).strip() + "[^`\n]*`", guide):
         faults.append(f"not in docs/operating.md: {line} ({source.name})")
+
+for document in [*SOURCE.glob("*.md"), *SOURCE.glob("docs/*.md"), *SOURCE.glob("models/*/*.md")]:
+    faults += [f"{document.relative_to(SOURCE)}: no {link}"
+               for link in re.findall(r"\]\(([^)#:]+)[)#]", document.read_text())
+               if not (document.parent / link).exists()]
 
 print("\n".join(faults) or "the documents say what the programs say and the library writes")
 sys.exit(1 if faults else 0)
