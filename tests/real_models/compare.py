@@ -55,19 +55,16 @@ NETWORKS = [
 ONE_IMAGE = ("face_detection_back", "face_detection_front")
 
 
-def resize(size):
-    """Writes the photographs in this size, and returns where."""
-    paths = [FOLDER / f"{index}-{size[1]}x{size[0]}.png" for index in range(len(PHOTOS))]
-    for photo, path in zip(PHOTOS, paths):
-        cv2.imwrite(str(path), cv2.resize(photo, size[::-1], interpolation=cv2.INTER_AREA))
-    return paths
-
-
-def prepare(paths, channels, mean, scale):
-    """The photographs as N x H x W x C."""
-    images = np.stack([cv2.imread(str(path)) for path in paths])
-    images = images if channels == "bgr" else images[..., ::-1]
-    return ((images - np.float32(mean)) * np.float32(scale)).astype(np.float32)
+def prepare(size, channels, mean, scale):
+    """Writes the photographs in this size. Returns where, and what the network is given: each as 1 x H x W x C."""
+    paths, images = [], []
+    for index, photo in enumerate(PHOTOS):
+        photo = cv2.resize(photo, size[::-1], interpolation=cv2.INTER_AREA)
+        paths.append(FOLDER / f"{index}-{size[1]}x{size[0]}.png")
+        cv2.imwrite(str(paths[-1]), photo)
+        photo = photo if channels == "bgr" else photo[..., ::-1]
+        images.append(((photo - np.float32(mean)) * np.float32(scale)).astype(np.float32)[np.newaxis])
+    return paths, images
 
 
 def load_tflite(path):
@@ -168,16 +165,9 @@ def say(command, network, size, preparation, *arguments):
     return done.returncode, json.loads(done.stdout or "{}"), done.stderr.strip()
 
 
-def difference(values, reference):
-    """The largest, as a part of the reference's largest value; infinite where the shapes differ."""
-    if values.shape not in (reference.shape, (reference.size,)):
-        return np.inf
-    return np.abs(values.ravel() - reference.ravel()).max() / (np.abs(reference).max() or 1)
-
-
 def compare(run, backend, network, size, preparation):
     """How many outputs were compared, the largest difference, and what is wrong."""
-    paths = resize(size)
+    paths, images = prepare(size, *preparation)
     status, document, error = say("outputs", network, size, preparation, *paths, "--backend", backend, "--save",
                                   FOLDER / "arrays")
     if not run:  # the network has no size
@@ -186,9 +176,13 @@ def compare(run, backend, network, size, preparation):
     if status:
         return 0, 0, f"REFUSED: {error} (status {status})"
     values = [np.load(output["saved"]) for image in document["images"] for output in image["outputs"]]
-    references = [run(image[np.newaxis]) for image in prepare(paths, *preparation)]
+    references = [run(image) for image in images]
     assert any((a != b).any() for a, b in zip(*references[:2])), "the photographs make no difference"
-    parts = [difference(*pair) for pair in zip(values, itertools.chain(*references), strict=True)]
+    parts = []  # of the reference's largest value
+    for value, reference in zip(values, itertools.chain(*references), strict=True):
+        shaped = value.shape in (reference.shape, (reference.size,))
+        parts.append(np.abs(value.ravel() - reference.ravel()).max() / (np.abs(reference).max() or 1)
+                     if shaped else np.inf)
     wrong = [f"{name} by {part:.1e}" for name, part in zip(itertools.cycle(network["output_names"]), parts)
              if not part <= LIMIT]
     return len(parts), max(parts), f"DIFFERS: {wrong[0]} first, {len(wrong)} in all" if wrong else ""
@@ -197,13 +191,12 @@ def compare(run, backend, network, size, preparation):
 def check(network, size, preparation):
     """What is wrong with what "check" says of these forms."""
     _, document, error = say("check", network, size, preparation)
-    sizes = [[output["values"] for output in form.get("outputs", [])] for form in document.get("forms", [])]
+    forms = document.get("forms", [])
+    sizes = [[output["values"] for output in form.get("outputs", [])] for form in forms]
     # Other forms give all values of an output.
-    agree = all(a == b for a, b in itertools.pairwise(sizes) for a, b in zip(a, b))
-    inputs = [form.get("input") for form in document.get("forms", [])]
+    agree = all(a == b for pair in itertools.pairwise(sizes) for a, b in zip(*pair))
     wanted = {"width": size[1], "height": size[0], "channels": 3}
-    right = sizes and all(sizes) and all(each == wanted for each in inputs) and document["passed"] == agree
-    print(f"  check: {len(sizes)} forms, {'passed' if document.get('passed') else 'not passed'}")
+    right = forms and all(sizes) and all(form["input"] == wanted for form in forms) and document["passed"] == agree
     return "" if right else f"CHECK: {error} {json.dumps(document)}"
 
 
@@ -217,8 +210,7 @@ for file, sizes, *preparation in NETWORKS:
         print(f"{Path(file).stem}, {form}, {size[1]} x {size[0]}, batch {network.get('batch_size', 1)}: "
               f"{fault or (f'{count} outputs, {part:.1e}' if count else 'asks for a size')}", flush=True)
         together |= network if form in ("pair, ends", "tflite", "IR") and size == sizes[0] else {}
-    fault = check(together, sizes[0], preparation)
-    faults += [fault] if fault else []
+    faults += filter(None, [check(together, sizes[0], preparation)])
 refused = sum(fault.startswith("REFUSED") for fault in faults)
 print(f"real models: {len(NETWORKS)} networks, {compared} comparisons, {refused} refused, "
       f"{len(faults) - refused} wrong, largest difference {largest:.1e}")
