@@ -39,7 +39,6 @@ TEST_F(VelmoraModelTest, BadInputIsOneLine) {
     std::vector<std::string> arguments;
     std::string error;
   } cases[] = {
-      {1, {"run", kModel, "[gone].png"}, "[gone].png: No such file"},
       {1, truth("file,name\n"), ".csv:1: expected the header \"file,label\""},
       {1, truth("file,label\na.png,1\na.png\n"), ".csv:3: expected a file and a label"},
       {1, truth("file,label\na.png,1\na.png,2\n"), ".csv:3: \"a.png\" is listed twice"},

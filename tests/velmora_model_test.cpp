@@ -115,7 +115,7 @@ TEST_F(VelmoraModelTest, BadImagesAreOneLineEachAndTheOthersAreDone) {
   fs::create_directory("none");
   const std::pair<std::string, std::string> images_and_errors[] = {
       {"none", "none: no images in this folder"},
-      {"[gone].png", "[gone].png: No such file or directory"},
+      {"[gone]", "./[gone]: No such file or directory"},
       {Write("empty.png", ""), "empty.png: the file is empty"},
       {Write("cut.jpg", {jpeg.begin(), jpeg.end()}), "cut.jpg: the image is cut short"},
       {Write("cut.png", Read(kGood).substr(0, 1500)), "cut.png: cannot be decoded as an image"},

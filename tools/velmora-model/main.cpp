@@ -238,11 +238,8 @@ int RunProgram(std::vector<std::string> arguments) {
   check_form_command->add_option("FORM", check_form.form)->required();
   check_form_command->add_option("PARENT", check_form.parent)->required();
 
-  // The parser takes "[a]" for a list.
+  // The parser takes "[a]" for a list, behind "--" too.
   for (std::string& argument : arguments) {
-    if (argument == "--") {
-      break;
-    }
     if (argument.starts_with('[')) {
       argument.insert(0, "./");
     }
