@@ -22,7 +22,7 @@ class VelmoraTranscodeTest : public MachineTest {
     Place("/tmp/Reelhouse");
     setenv("LD_PRELOAD", VELMORA_TEST_MACHINE_LIBRARY, 1);
     setenv("ASAN_OPTIONS", "verify_asan_link_order=0", 1);
-    setenv("VELMORA_TEST_SPEED", "20", 1);  // of the clock: a minute takes three seconds
+    setenv("VELMORA_TEST_SPEED", "30", 1);  // of the clock: a minute takes two seconds
   }
 
   static Finished Run(std::vector<std::string> arguments) {
@@ -109,7 +109,7 @@ TEST_F(VelmoraTranscodeTest, WhatABenchRegistersDiesWithIt) {
   prctl(PR_SET_CHILD_SUBREAPER, 1);  // a process that nobody waits for is still one
   const pid_t bench = StartChild([] {
     execl(VELMORA_MODEL_PROGRAM, "velmora-model", "bench", VELMORA_SAMPLE_MODEL "/model.json",
-          "--backend", "dnn", "--transcode", "40", nullptr);
+          "--backend", "dnn", "--transcode", "60", nullptr);
   });
   while (List().empty()) {
     ASSERT_EQ(0, waitpid(bench, nullptr, WNOHANG));
