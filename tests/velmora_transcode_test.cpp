@@ -60,7 +60,7 @@ TEST_F(VelmoraTranscodeTest, LooksAtTheRecordAndChangesIt) {
       {{"remove", self}, 0, "", ""},
       {{"list", "--", "true"}, 2, "", "only run takes a command"},
       {{"run", "--"}, 2, "", "COMMAND is required"},
-      {{"run", "--", "no-such-command"}, 127, "", "no-such-command: No such file"},
+      {{"run", "--", "/no/such/command"}, 127, "", "/no/such/command: No such file"},
       {{"run", "--", "/"}, 126, "", "/: Permission denied"},
       {{"run", "printf", "%s", "[a]", "--", "--b"}, 0, "[a]----b", ""},
       // The entry is the command's own, however that ends; another's refusal leaves it alone.

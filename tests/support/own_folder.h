@@ -1,4 +1,4 @@
-// The old processes.h, for the tests that have a mount namespace of their own; goes with own_namespace.h.
+// The old processes.h, for tests in a mount namespace of their own; goes with own_namespace.h.
 #pragma once
 
 #include <gtest/gtest.h>
