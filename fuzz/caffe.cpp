@@ -1,10 +1,15 @@
-// A binary Caffe model: by itself, else as the weights of a description. What the reader lets
-// through goes on to OpenCV's importer, which must survive it.
+// A binary Caffe model, to the backend: by itself, else as the weights of a description. What the
+// reader lets through must run, with an image that fits, or fail with an exception.
 #include <google/protobuf/io/coded_stream.h>
+#include <velmora/plugin/network/dnn_network.h>
 
 #include <algorithm>
+#include <cctype>
+#include <cstdlib>
+#include <iterator>
 #include <opencv2/core/utils/logger.hpp>
 #include <random>
+#include <sstream>
 #include <vector>
 
 #include "opencv/caffe_model.h"
@@ -18,8 +23,9 @@ extern "C" std::size_t LLVMFuzzerMutate(std::uint8_t* data, std::size_t size, st
 
 namespace {
 
-constexpr char kDescription[] = R"(input: "d" input_dim: 1 input_dim: 1 input_dim: 2 input_dim: 2
-  layer { name: "c" type: "Convolution" bottom: "d" top: "c"
+constexpr char kDescription[] = R"(
+  input: "data" input_dim: 1 input_dim: 1 input_dim: 2 input_dim: 2
+  layer { name: "c" type: "Convolution" bottom: "data" top: "c"
     convolution_param { num_output: 2 kernel_size: 1 } }
   layer { name: "i" type: "InnerProduct" bottom: "c" top: "i"
     inner_product_param { num_output: 2 } })";
@@ -82,8 +88,23 @@ std::string Join(const std::vector<Field>& fields) {
   return bytes;
 }
 
+/// Types of layers, those with weights and parameters among them.
+std::vector<std::string> Types() {
+  std::istringstream names(R"(
+      AbsVal Accum ArgMax BatchNorm BNLL Concat ContrastiveLoss Convolution Crop CumSum
+      Data Deconvolution DetectionOutput Dropout ELU Eltwise Exp Flatten GRU Identity
+      InnerProduct Input Interp LRN LSTM MVN MaxUnpool Normalize PReLU Padding Permute
+      Pooling Power PriorBox RNN ReLU ReLU6 Region Reorg Reshape Resize Scale Shift
+      ShuffleChannel Sigmoid Silence Slice Softmax Split TanH)");
+  return {std::istream_iterator<std::string>(names), {}};
+}
+const std::vector<std::string> kTypes = Types();
+
 std::string Mutate(std::string bytes, std::minstd_rand& random) {
   std::vector<Field> fields = Split(bytes);
+  if (fields.empty() && random() % 4 != 0) {
+    return bytes;  // mostly a name, without which a network falls apart
+  }
   if (fields.empty() || random() % 8 == 0) {  // a text or a number, or taken for one
     const std::size_t size = bytes.size();
     bytes.resize(size + 8);
@@ -107,6 +128,11 @@ std::string Mutate(std::string bytes, std::minstd_rand& random) {
     case 3:
       field.tag = static_cast<std::uint32_t>(random() % 128 << 3) | (field.tag & 7);
       break;
+    case 4:
+      if (field.tag == (2 << 3 | 2)) {  // the type, in a layer
+        field.content = kTypes[random() % kTypes.size()];
+      }
+      break;
     default:
       if (field.holds_bytes()) {
         field.content = Mutate(field.content, random);
@@ -129,12 +155,16 @@ extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t s
   if (random() % 8 == 0) {
     return LLVMFuzzerMutate(data, size, max_size);
   }
-  bytes = Mutate(std::move(bytes), random).substr(0, max_size);
+  const std::string before = bytes;
+  for (int i = 0; i < 16 && bytes == before; ++i) {
+    bytes = Mutate(before, random).substr(0, max_size);
+  }
   std::copy(bytes.begin(), bytes.end(), data);
   return bytes.size();
 }
 
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
+  setenv("OPENCV_OPENCL_RUNTIME", "disabled", 1);  // or each child looks for one
   velmora::compat::SilenceProtobuf();
   ::cv::utils::logging::setLogLevel(::cv::utils::logging::LOG_LEVEL_SILENT);
   ::cv::redirectError([](int, const char*, const char*, const char*, int, void*) { return 0; });
@@ -142,17 +172,57 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
   return 0;
 }
 
+namespace {
+
+/// Whether docs/hostile-models.md says of one of a model's layers that it can end the process.
+bool IsLeft(std::string bytes) {
+  std::ranges::transform(bytes, bytes.begin(), [](unsigned char c) { return std::tolower(c); });
+  return std::ranges::any_of(std::initializer_list<const char*>{"roipooling", "proposal", "accum"},
+                             [&](const char* type) { return bytes.find(type) != bytes.npos; });
+}
+
+/// An image of the size that a model states, where that is one.
+::cv::Mat ImageFor(const std::vector<std::int64_t>& shape) {
+  const bool fits = shape.size() == 4 &&
+                    std::ranges::all_of(shape, [](auto size) { return size > 0 && size <= 512; }) &&
+                    shape[1] * shape[2] * shape[3] <= 1 << 16;
+  return fits ? ::cv::Mat(static_cast<int>(shape[2]), static_cast<int>(shape[3]),
+                          CV_32FC(static_cast<int>(shape[1])), ::cv::Scalar::all(0.5))
+              : ::cv::Mat(2, 2, CV_32FC1, ::cv::Scalar(0.5));
+}
+
+}  // namespace
+
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static const MemoryFile model;
   static const MemoryFile description;
   model.Set(data, size);
-  try {
-    if (compat::ReadCaffeBinary(model.path()).empty()) {
-      description.Set(reinterpret_cast<const std::uint8_t*>(kDescription), sizeof kDescription - 1);
-      compat::ReadCaffePair(description.path(), model.path());
+  NetworkConfig config;
+  if (compat::RefusalOfCaffeBinary(model.path()).empty()) {
+    config.dnn_binary_path = model.path();
+  } else {
+    description.Set(reinterpret_cast<const std::uint8_t*>(kDescription), sizeof kDescription - 1);
+    config.dnn_prototxt_path = description.path();
+    config.dnn_caffemodel_path = model.path();
+    if (!compat::RefusalOfCaffePair(description.path(), model.path()).empty() ||
+        Split(std::string(data, data + size)).empty()) {  // OpenCV cannot parse it either
+      return 0;
     }
-  } catch (const ::cv::Exception&) {
-    // Refused by OpenCV.
+  }
+  const bool is_pair = config.dnn_binary_path.empty();
+  const unsigned end = RunModel(
+      [&] {
+        DnnNetwork(config).Forward(ImageFor(is_pair ? compat::InputOfCaffePair(description.path())
+                                                    : compat::InputOfCaffeBinary(model.path())));
+      },
+      [&] { return IsLeft(std::string(data, data + size)); });
+  NoteOutcome(is_pair ? 8 + end : end);
+  // OpenCV is without counters: each type of layer in a model that ends so is new to the search.
+  const std::string bytes(data, data + size);
+  for (unsigned i = 0; i < kTypes.size() && !is_pair; ++i) {
+    if (bytes.find(kTypes[i]) != bytes.npos) {
+      NoteOutcome(8 * (i + 2) + end);
+    }
   }
   return 0;
 }
