@@ -7,6 +7,7 @@
 #include <string>
 
 #include "support/machine.h"
+#include "support/sanitizers.h"
 
 namespace {
 

@@ -5,10 +5,7 @@
 #include <google/protobuf/dynamic_message.h>
 #include <google/protobuf/io/coded_stream.h>
 #include <google/protobuf/text_format.h>
-#include <unistd.h>
 
-#include <filesystem>
-#include <fstream>
 #include <memory>
 #include <random>
 #include <stdexcept>
@@ -75,14 +72,6 @@ CaffeModel MakeCaffeModel(const std::string& prototxt, const std::vector<CaffeBl
   }
   if (blob != blobs.end()) throw std::runtime_error("no layer " + blob->layer);
   return {prototxt, weights->SerializeAsString(), net->SerializeAsString()};
-}
-
-std::string WriteFile(const std::string& name, const std::string& bytes) {
-  const std::string path =
-      std::filesystem::temp_directory_path() / (std::to_string(getpid()) + "-" + name);
-  std::ofstream file(path, std::ios::binary);
-  if (!(file << bytes).flush()) throw std::runtime_error("cannot write " + path);
-  return path;
 }
 
 std::string VarintField(int number, std::uint64_t value) {

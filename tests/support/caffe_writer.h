@@ -27,9 +27,6 @@ struct CaffeModel {
 /// not parse or lacks a blob's layer.
 CaffeModel MakeCaffeModel(const std::string& prototxt, const std::vector<CaffeBlob>& blobs);
 
-/// Writes a file in the folder for temporary files and returns its path.
-std::string WriteFile(const std::string& name, const std::string& bytes);
-
 /// One field of a message, for files that no honest writer makes.
 std::string VarintField(int number, std::uint64_t value);
 std::string BytesField(int number, const std::string& bytes);

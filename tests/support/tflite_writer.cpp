@@ -36,15 +36,6 @@ int TfLiteWriter::Constant(const Shape& shape, Type type, const void* bytes, std
   return tensor;
 }
 
-int TfLiteWriter::Constant(const Shape& shape, const std::vector<float>& values) {
-  return Constant(shape, Type::FLOAT32, values.data(), values.size() * sizeof(float));
-}
-
-int TfLiteWriter::Constant(const std::vector<std::int32_t>& values) {
-  return Constant({static_cast<std::int32_t>(values.size())}, Type::INT32, values.data(),
-                  values.size() * sizeof(std::int32_t));
-}
-
 void TfLiteWriter::Run(Operator code, const std::vector<std::int32_t>& inputs,
                        const std::vector<std::int32_t>& outputs,
                        format::BuiltinOptionsUnion options, int version) {

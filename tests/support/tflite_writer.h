@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -22,9 +23,19 @@ class TfLiteWriter {
   TfLiteWriter();
 
   int Tensor(const Shape& shape, Type type = Type::FLOAT32);
-  int Constant(const Shape& shape, const std::vector<float>& values);
-  int Constant(const std::vector<std::int32_t>& values);
   int Constant(const Shape& shape, Type type, const void* bytes, std::size_t size);
+
+  /// Of floats, or of integers of 32 or 64 bits.
+  template <typename T = float>
+  int Constant(const Shape& shape, const std::vector<T>& values) {
+    const Type type = std::is_same_v<T, float> ? Type::FLOAT32
+                      : sizeof(T) == 4         ? Type::INT32
+                                               : Type::INT64;
+    return Constant(shape, type, values.data(), values.size() * sizeof(T));
+  }
+  int Constant(const std::vector<std::int32_t>& values) {
+    return Constant({static_cast<std::int32_t>(values.size())}, values);
+  }
 
   void Run(Operator code, const std::vector<std::int32_t>& inputs,
            const std::vector<std::int32_t>& outputs, format::BuiltinOptionsUnion options = {},
