@@ -102,6 +102,9 @@ bool IsLeft(const Step& step, const std::vector<bool>& is_computed) {
   for (flatbuffers::uoffset_t i = 0; i < step.inputs().size(); ++i) {
     const auto shape = Step::ShapeOf(step.Input(i));
     const auto tensor = static_cast<std::size_t>(step.inputs()[i]);
+    if (step.Input(i) != nullptr && step.Input(i)->type() == format::TensorType::STRING) {
+      return true;  // and so may the type of an input
+    }
     if ((tensor < is_computed.size() && is_computed[tensor]) ||
         std::ranges::count(shape, compat::kUnknown) != 0 || shape.size() > 4) {
       return true;
