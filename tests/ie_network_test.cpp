@@ -11,6 +11,7 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <openvino/openvino.hpp>
 #include <openvino/opsets/opset8.hpp>
@@ -22,12 +23,17 @@
 namespace {
 
 std::int64_t clock_at = 0;  // nanoseconds at which the monotonic clock stands; 0 for the real one
+std::function<void()> when_the_clock_is_read;  // once, by the test's own thread
+
 }  // namespace
 
 // In the place of the C library's: time passes as a test wants.
 extern "C" int clock_gettime(clockid_t id, timespec* time) noexcept {
   if (id != CLOCK_MONOTONIC || clock_at == 0) {
     return static_cast<int>(syscall(SYS_clock_gettime, id, time));
+  }
+  if (when_the_clock_is_read && gettid() == getpid()) {
+    std::exchange(when_the_clock_is_read, nullptr)();
   }
   *time = {clock_at / 1'000'000'000, clock_at % 1'000'000'000};
   return 0;
@@ -88,7 +94,9 @@ NetworkConfig Scale(std::uint32_t batch_size, const ov::PartialShape& shape = {1
 
 TEST_F(IeNetworkTest, RunsInBatchesAndLeavesNoSlotStale) {
   setenv("OCL_ICD_VENDORS", "/etc/OpenCL/vendors", 1);
-  IeNetwork network(Scale(4));
+  struct : IeNetwork {
+    using IeNetwork::config_, IeNetwork::IeNetwork;
+  } network(Scale(4));
   EXPECT_EQ("gpu /var/packages/Velmora/target/usr/lib/intel.icd", test::TakeQuestions());
   std::vector<cv::Mat> images;
   for (int i = 0; i < 7; ++i) {
@@ -106,6 +114,11 @@ TEST_F(IeNetworkTest, RunsInBatchesAndLeavesNoSlotStale) {
   network.Forward(images);
   network.ForwardAsync(images[6]);
   EXPECT_EQ(single, network.WaitOutput().at("out"));
+  // The settings are those of the call.
+  network.config_.batch_size = 2;
+  EXPECT_EQ(24U, network.Forward(images)[6].at("out").size());
+  network.config_.output_names.clear();
+  EXPECT_EQ(OutputMap(), network.Forward(images[6]));
 }
 
 TEST_F(IeNetworkTest, LaysChannelsOutInPlanes) {
@@ -391,6 +404,15 @@ TEST_F(IeDeviceTest, EachWayToRunAnImageLooksAndFetchingItsResultDoesNot) {
   EXPECT_EQ(Lines(), TakeLog());
 }
 
+TEST_F(IeDeviceTest, AReturnAsksTheRecordOnceMore) {
+  const auto network = AboutToReturn();
+  when_the_clock_is_read = [&] { transcode_.emplace(); };  // at the last moment
+  EXPECT_EQ(from_cpu_, network->Forward(image_).at("out"));
+  EXPECT_EQ((Lines{"143 Waiting time diff: 60", "142 Init network, device: CPU",
+                   "143 Switch device from CPU to CPU"}),
+            TakeLog());
+}
+
 TEST_F(IeDeviceTest, AFailedSwitchKeepsTheOldRequest) {
   const auto network = AboutToReturn();
   setenv("VELMORA_TEST_GPU_FAILS", "1", 1);
@@ -400,6 +422,13 @@ TEST_F(IeDeviceTest, AFailedSwitchKeepsTheOldRequest) {
   EXPECT_EQ("GPU", network->GetDevice());
   EXPECT_EQ(from_cpu_, network->Forward(image_).at("out"));
   EXPECT_EQ(Lines(), TakeLog());
+  // The wait is over: after another transcode it begins anew.
+  transcode_.emplace();
+  network->Forward(image_);
+  transcode_.reset();
+  TakeLog();
+  network->Forward(image_);
+  EXPECT_EQ(Lines{"143 Start waiting for gpu"}, TakeLog());
 }
 
 TEST_F(IeDeviceTest, NeedsBothFilesForTheGpuAndElseReadsNoRecord) {

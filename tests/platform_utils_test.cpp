@@ -202,6 +202,7 @@ TEST_F(PlatformUtilsTest, AsksTheAppliancesLibrariesAsTheyExpectIt) {
 TEST_F(PlatformUtilsTest, ReadsTheFilesOfProcLineByLine) {
   const std::string information = PlaceFile(
       "/proc/cpuinfo", "model name\t: with: two\nmodel name\t: first\nmodel\t: second\nempty:\n");
+  close(STDIN_FILENO);  // as of many services: the file gets descriptor 0
   PlatformUtils& machine = *PlatformUtils::GetInst();
   EXPECT_EQ(" first", machine.GetCPUInfo("model"));
   EXPECT_EQ(" first", machine.GetCPUInfo("name"));

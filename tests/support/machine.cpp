@@ -90,12 +90,10 @@ Function* Next(const char* name) {
 }
 
 void Write(int priority, const char* format, va_list arguments) {
-  char line[16384];
-  const int head = std::snprintf(line, sizeof line, "%d ", priority);
-  const int text =
-      std::vsnprintf(line + head, sizeof line - static_cast<std::size_t>(head), format, arguments);
-  // With the zero behind it, which ends the line.
-  static_cast<void>(!write(root.log(), line, static_cast<std::size_t>(head + text + 1)));
+  char text[16384];
+  std::vsnprintf(text, sizeof text, format, arguments);
+  const std::string line = std::to_string(priority) + ' ' + text;
+  static_cast<void>(!write(root.log(), line.c_str(), line.size() + 1));  // the zero ends the line
 }
 
 }  // namespace
