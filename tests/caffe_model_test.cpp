@@ -15,7 +15,6 @@
 #include "caffe_format.h"
 #include "support/caffe_writer.h"
 #include "support/machine.h"
-#include "support/sanitizers.h"
 
 namespace velmora::plugin::network::compat {
 namespace {
@@ -198,7 +197,7 @@ TEST_F(CaffeModelTest, LooksAtAModelWithoutLoadingItsWeights) {
   getrlimit(RLIMIT_AS, &before);
   const rlim_t now = pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE));
   const rlimit little = {now + (rlim_t{24} << 20), before.rlim_max};
-  if (!test::kSanitized) setrlimit(RLIMIT_AS, &little);
+  if (!VELMORA_IS_SANITIZED) setrlimit(RLIMIT_AS, &little);
   const std::string refusal = RefusalOfCaffeBinary("large");
   setrlimit(RLIMIT_AS, &before);
   EXPECT_THAT(refusal, testing::HasSubstr("num_output is 0"));

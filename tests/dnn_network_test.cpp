@@ -83,7 +83,7 @@ TEST_F(DnnNetworkTest, TakesEveryDepthAndChannelCountInPlanes) {
 
 TEST_F(DnnNetworkTest, RunsOnceForAnImageWhateverIsAskedFor) {
   // The engine fuses the layers from "conv" to "relu" where it may.
-  const test::CaffeModel model = test::MakeCaffeModel(
+  const std::string prototxt =
       "layer { name: 'data' type: 'Input' top: 'data' input_param { shape { dim: [1, 1, 1, 2] } } }"
       "layer { name: 'count' type: 'TestHost' bottom: 'data' top: 'count' }"
       "layer { name: 'conv' type: 'Convolution' bottom: 'count' top: 'conv'"
@@ -93,11 +93,11 @@ TEST_F(DnnNetworkTest, RunsOnceForAnImageWhateverIsAskedFor) {
       "layer { name: 'relu' type: 'ReLU' bottom: 'shift' top: 'relu' }"
       "layer { name: 'last' type: 'Slice' bottom: 'relu' top: 'a' top: 'b'"
       "        slice_param { axis: 3 slice_point: 1 } }"
-      "layer { name: 'last.1' type: 'Power' bottom: 'relu' top: 'd' power_param { scale: 10 } }",
-      {{"conv", {1, 1, 1, 1}, 2, 2},
-       {"conv", {1}, 1, 1},
-       {"scale", {1}, 5, 5},
-       {"shift", {1}, -20, -20}});
+      "layer { name: 'last.1' type: 'Power' bottom: 'relu' top: 'd' power_param { scale: 10 } }";
+  const std::string weights = test::MakeCaffeModel(prototxt, {{"conv", {1, 1, 1, 1}, 2, 2},
+                                                              {"conv", {1}, 1, 1},
+                                                              {"scale", {1}, 5, 5},
+                                                              {"shift", {1}, -20, -20}});
   const cv::Mat image = (cv::Mat_<float>(1, 2) << 0.5F, 4.0F);
   const struct Layer {
     const char* name;
@@ -112,7 +112,7 @@ TEST_F(DnnNetworkTest, RunsOnceForAnImageWhateverIsAskedFor) {
     for (const Layer& second : layers) {
       SCOPED_TRACE(std::string(first.name) + " and " + second.name);
       const OutputMap expected = {{first.name, first.values}, {second.name, second.values}};
-      DnnNetwork network(Pair(model.prototxt, model.weights, {first.name, second.name}));
+      DnnNetwork network(Pair(prototxt, weights, {first.name, second.name}));
       HostLayer::runs = 0;
       int runs = first.is_end && second.is_end ? 0 : 1;  // one more for what is new to it
       for (int pass = 0; pass < 3; ++pass) {
@@ -122,7 +122,7 @@ TEST_F(DnnNetworkTest, RunsOnceForAnImageWhateverIsAskedFor) {
     }
   }
   for (const char* const name : {"last.2", "last.x", "last.99999999999", ".1", "", "missing"}) {
-    DnnNetwork network(Pair(model.prototxt, model.weights, {name}));
+    DnnNetwork network(Pair(prototxt, weights, {name}));
     EXPECT_THROW(network.Forward(image), cv::Exception) << name;
   }
 }
@@ -181,13 +181,11 @@ TEST_F(DnnNetworkTest, RunsWhatOpenCvRunsWithItsNumbers) {
     SCOPED_TRACE(type);
     std::vector<test::CaffeBlob> blobs;
     for (const auto& shape : shapes) blobs.push_back({"x", shape, 0.1F, 1});
-    const test::CaffeModel model =
-        test::MakeCaffeModel("input: 'data' " + before + "layer { name: 'x' type: '" + type + "' " +
-                                 bottoms + " top: 'x' " + params + " }",
-                             blobs);
-    NetworkConfig pair = Pair(model.prototxt, model.weights, {});
+    const std::string prototxt = "input: 'data' " + before + "layer { name: 'x' type: '" + type +
+                                 "' " + bottoms + " top: 'x' " + params + " }";
+    NetworkConfig pair = Pair(prototxt, test::MakeCaffeModel(prototxt, blobs), {});
     NetworkConfig binary;
-    std::ofstream(binary.dnn_binary_path = "net.binary") << model.binary;
+    binary.dnn_binary_path = pair.dnn_caffemodel_path;
 
     cv::dnn::Net alone = cv::dnn::readNetFromCaffe("net.prototxt", "net.caffemodel");
     alone.enableFusion(false);

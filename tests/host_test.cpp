@@ -7,7 +7,6 @@
 #include <string>
 
 #include "support/machine.h"
-#include "support/sanitizers.h"
 
 namespace {
 
@@ -39,10 +38,10 @@ TEST_P(HostTest, LoadsUsesAndUnloadsNetworksInTheSameMemory) {
     }
     ASSERT_EQ(0, dlclose(module));
     // The sanitizers keep what is freed, and a library that has their code is not unloaded.
-    ASSERT_TRUE(VELMORA_SANITIZED ||
+    ASSERT_TRUE(VELMORA_IS_SANITIZED ||
                 dlopen("libvelmora-plugin-model.so.1", RTLD_NOW | RTLD_NOLOAD) == nullptr);
   }
-  EXPECT_TRUE(VELMORA_SANITIZED || AllocatedKilobytes() < allocated + 32)
+  EXPECT_TRUE(VELMORA_IS_SANITIZED || AllocatedKilobytes() < allocated + 32)
       << AllocatedKilobytes() << " KiB after " << allocated;
 }
 

@@ -2,16 +2,13 @@
 #include <linux/capability.h>
 #include <reelhouse/trans_loading.h>
 #include <sys/prctl.h>
-#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 #include <velmora/plugin/network/ie_network.h>
 
 #include <cstdlib>
 #include <filesystem>
-#include <functional>
 #include <memory>
 #include <openvino/openvino.hpp>
 #include <openvino/opsets/opset8.hpp>
@@ -19,25 +16,6 @@
 
 #include "support/machine.h"
 #include "support/network.h"
-
-namespace {
-
-std::int64_t clock_at = 0;  // nanoseconds at which the monotonic clock stands; 0 for the real one
-std::function<void()> when_the_clock_is_read;  // once, by the test's own thread
-
-}  // namespace
-
-// In the place of the C library's: time passes as a test wants.
-extern "C" int clock_gettime(clockid_t id, timespec* time) noexcept {
-  if (id != CLOCK_MONOTONIC || clock_at == 0) {
-    return static_cast<int>(syscall(SYS_clock_gettime, id, time));
-  }
-  if (when_the_clock_is_read && gettid() == getpid()) {
-    std::exchange(when_the_clock_is_read, nullptr)();
-  }
-  *time = {clock_at / 1'000'000'000, clock_at % 1'000'000'000};
-  return 0;
-}
 
 namespace velmora::plugin::network {
 namespace {
@@ -186,21 +164,19 @@ TEST_F(IeNetworkTest, RunsWhatTheEngineRuns) {
     if (each.batch == 1) config.output_names.push_back("max");  // of the whole batch
     config.input_width = each.width;
     config.input_height = each.height;
-    for (const auto version :
-         {ov::pass::Serialize::Version::IR_V10, ov::pass::Serialize::Version::IR_V11}) {
-      ov::serialize(Zoo(each.a, each.type, each.b), "cpu.xml", "cpu.bin", version);
-      const std::vector<OutputMap> results = IeNetwork(config).Forward(images);
-      for (std::size_t i = 0; i < images.size(); ++i) {
-        const auto first = static_cast<float>(50 * i);
-        const std::vector<float> planes = Planes(8, 3, 1, first);
-        const std::vector<float> last(planes.begin() + 16, planes.end());
-        OutputMap expected = {{"the.planes", planes}, {"whole", planes},
-                              {"split.2", last},      {"a_tensor", last},
-                              {"max", {first + 23}},  {"sum", {24 * first + 23 * 12}}};
-        expected["b"] = expected["b_tensor"] = std::vector<float>(each.values_of_b);
-        if (each.batch != 1) expected.erase("max");
-        EXPECT_EQ(expected, results[i]);
-      }
+    ov::serialize(Zoo(each.a, each.type, each.b), "cpu.xml", "cpu.bin",
+                  ov::pass::Serialize::Version::IR_V10);
+    const std::vector<OutputMap> results = IeNetwork(config).Forward(images);
+    for (std::size_t i = 0; i < images.size(); ++i) {
+      const auto first = static_cast<float>(50 * i);
+      const std::vector<float> planes = Planes(8, 3, 1, first);
+      const std::vector<float> last(planes.begin() + 16, planes.end());
+      OutputMap expected = {{"the.planes", planes}, {"whole", planes},
+                            {"split.2", last},      {"a_tensor", last},
+                            {"max", {first + 23}},  {"sum", {24 * first + 23 * 12}}};
+      expected["b"] = expected["b_tensor"] = std::vector<float>(each.values_of_b);
+      if (each.batch != 1) expected.erase("max");
+      EXPECT_EQ(expected, results[i]);
     }
   }
 }
@@ -216,7 +192,6 @@ TEST_F(IeNetworkTest, RefusesWhatDoesNotFit) {
     return text.substr(text.find(' ') + 1);
   };
   EXPECT_EQ("none", error({1, 3, 2, 2}));  // what is left over is no harm
-  EXPECT_EQ("none", error({1, 3, 2, 2}, 0, 0, Ramp(2, 6, 1)));
   EXPECT_EQ("An image must be continuous 32-bit floats of at least the input's size",
             error({1, 3, 2, 2}, 0, 0, wide.colRange(0, 2)));
   EXPECT_EQ("The image has other channels than the input", error({1, 2, 4, 3}));  // N, H, W, C
@@ -246,27 +221,14 @@ TEST_F(IeNetworkTest, LoadsWithoutItsCacheAndSaysSo) {
   const std::string path = "/var/packages/Velmora/target/models/openvino_cache";
   const fs::path cache = test::Place(path);
   const NetworkConfig config = Scale(1);
-  const auto reason = [&] {
+  const auto expect = [&](const std::string& line) {
     EXPECT_EQ(Planes(4, 3, 2), IeNetwork(config).Forward(Ramp(2, 2, 3)).at("out"));
-    const std::string line = test::TakeLog().at(0).text;
-    const std::string about_it = "[IeNetwork] No model cache: " + path + ": ";
-    const std::size_t found = line.find(about_it);
-    return found == std::string::npos ? "none" : line.substr(found + about_it.size());
+    EXPECT_THAT(test::TakeLog().at(0).text, testing::EndsWith("[IeNetwork] " + line));
   };
-  EXPECT_EQ("none", reason());
+  const std::string loaded = "Init network, device: CPU";
+  const std::string no_cache = "No model cache: " + path + ": ";
+  expect(loaded);
   ASSERT_FALSE(fs::is_empty(cache));
-
-  // A full disk keeps nothing, as some devices do.
-  fs::remove_all(cache);
-  signal(SIGXFSZ, SIG_IGN);
-  rlimit size = {};
-  getrlimit(RLIMIT_FSIZE, &size);
-  const rlimit full = {1000, size.rlim_max};
-  setrlimit(RLIMIT_FSIZE, &full);
-  EXPECT_EQ("none", reason());
-  setrlimit(RLIMIT_FSIZE, &size);
-  EXPECT_TRUE(fs::is_empty(cache));
-  EXPECT_EQ("none", reason());
 
   // What may not be read or written, such as another user's files; root may, unless it gives the
   // right away.
@@ -277,14 +239,14 @@ TEST_F(IeNetworkTest, LoadsWithoutItsCacheAndSaysSo) {
   rights[0].effective &= ~(1U << CAP_DAC_OVERRIDE | 1U << CAP_DAC_READ_SEARCH);
   ASSERT_EQ(0, syscall(SYS_capset, &header, rights));
   fs::permissions(*fs::directory_iterator(cache), fs::perms::none);
-  EXPECT_EQ("none", reason());
+  expect(loaded);
   const fs::perms look = fs::perms::owner_read | fs::perms::owner_exec;
   fs::permissions(cache, look);
-  EXPECT_EQ("Permission denied", reason());
+  expect(no_cache + "Permission denied");
   fs::permissions(cache, fs::perms::owner_all);
   fs::remove_all(cache);
   fs::permissions(cache.parent_path(), look);
-  EXPECT_EQ("No such file or directory", reason());  // and none can be made
+  expect(no_cache + "No such file or directory");  // and none can be made
   fs::permissions(cache.parent_path(), fs::perms::owner_all);
   rights[0].effective = all;
   ASSERT_EQ(0, syscall(SYS_capset, &header, rights));
@@ -332,7 +294,7 @@ class IeDeviceTest : public IeNetworkTest {
     IeNetworkTest::SetUp();
     setenv("VELMORA_TEST_PLATFORM", "gpu", 1);
     unsetenv("VELMORA_TEST_GPU_FAILS");
-    clock_at = 1'000 * kMinute;
+    test::clock_at = 1'000 * kMinute;
   }
 
   /// A network that the next call moves back to the GPU.
@@ -342,7 +304,7 @@ class IeDeviceTest : public IeNetworkTest {
     EXPECT_TRUE(network->ShouldExitAfterShutdown());
     transcode_.reset();
     network->Forward(image_);
-    clock_at += kMinute;
+    test::clock_at += kMinute;
     TakeLog();
     return network;
   }
@@ -380,7 +342,7 @@ TEST_F(IeDeviceTest, LeavesTheGpuAtOnceAndReturnsAfterAQuietMinute) {
   IeNetwork network(Scale(1));
   for (const auto& step : steps) {
     SCOPED_TRACE(&step - steps);
-    clock_at += step.passes;
+    test::clock_at += step.passes;
     if (!step.is_transcoding) {
       transcode_.reset();
     } else if (!transcode_) {
@@ -394,23 +356,18 @@ TEST_F(IeDeviceTest, LeavesTheGpuAtOnceAndReturnsAfterAQuietMinute) {
 
 TEST_F(IeDeviceTest, EachWayToRunAnImageLooksAndFetchingItsResultDoesNot) {
   const auto network = AboutToReturn();
-  clock_at -= 1;
+  test::clock_at -= 1;
   network->Forward(image_);
   network->Forward(std::vector{image_});
   network->ForwardAsync(image_);
   EXPECT_EQ(Lines(3, "143 Waiting time diff: 59"), TakeLog());
-  clock_at += 1;
+  test::clock_at += 1;
   EXPECT_EQ(from_cpu_, network->WaitOutput().at("out"));
   EXPECT_EQ(Lines(), TakeLog());
-}
-
-TEST_F(IeDeviceTest, AReturnAsksTheRecordOnceMore) {
-  const auto network = AboutToReturn();
-  when_the_clock_is_read = [&] { transcode_.emplace(); };  // at the last moment
+  // Before it returns it looks once more.
+  test::when_the_clock_is_read = [&] { transcode_.emplace(); };
   EXPECT_EQ(from_cpu_, network->Forward(image_).at("out"));
-  EXPECT_EQ((Lines{"143 Waiting time diff: 60", "142 Init network, device: CPU",
-                   "143 Switch device from CPU to CPU"}),
-            TakeLog());
+  EXPECT_EQ("143 Switch device from CPU to CPU", TakeLog().back());
 }
 
 TEST_F(IeDeviceTest, AFailedSwitchKeepsTheOldRequest) {

@@ -13,7 +13,6 @@
 #include "support/machine.h"
 #include "support/network.h"
 #include "support/sample_model.h"
-#include "support/sanitizers.h"
 #include "support/tflite_writer.h"
 
 namespace velmora::plugin::network {
@@ -239,7 +238,7 @@ TEST_F(TfLiteNetworkTest, RunsEveryOperatorThatTheEngineRuns) {
     SCOPED_TRACE(format::EnumNameBuiltinOperator(specimen.code) +
                  testing::PrintToString(specimen.sizes) + specimen.log);
     const rlimit memory = {8UL << 30, before.rlim_max};
-    if (!test::kSanitized) {
+    if (!VELMORA_IS_SANITIZED) {
       setrlimit(RLIMIT_AS, &memory);
     } else if (std::string_view(specimen.log).starts_with("there is no memory")) {
       continue;  // a sanitizer reserves more than that, and the row would take 8 GB

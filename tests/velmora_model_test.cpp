@@ -16,7 +16,7 @@ using testing::HasSubstr;
 using testing::MatchesRegex;
 
 TEST_F(VelmoraModelTest, AnswersAsTheReferenceInBatchesOrOneByOne) {
-  const Json::Value reference = Parse(Read("reference.json"));
+  const Json::Value reference = Parse(Text("reference.json"));
   for (const char* const batch : {"1", "7"}) {
     const Json::Value answer = RunJson({"run", kModel, "images", "--top", "10", "--batch", batch});
     ASSERT_EQ(reference["images"].size(), answer["images"].size());
@@ -59,7 +59,7 @@ TEST_F(VelmoraModelTest, PreparesImagesAsTheModelSays) {
   for (const auto& [image, width, height, preparation, prepared] : cases) {
     SCOPED_TRACE(preparation);
     RunJson({"outputs", "--save", ".", Caffe(kCopy, width, height, preparation), image + ".png"});
-    const std::string npy = Read(image + ".x.npy");
+    const std::string npy = Text(image + ".x.npy");
     ASSERT_EQ(128 + prepared.size() * sizeof(float), npy.size());
     EXPECT_EQ(std::string("\x93NUMPY\x01\0\x76\0", 10), npy.substr(0, 10));
     std::vector<float> values(prepared.size());
@@ -80,7 +80,7 @@ TEST_F(VelmoraModelTest, TableShowsAnswersAndWhichAreWrong) {
 }
 
 TEST_F(VelmoraModelTest, AnnotatesWithoutReplacingAnything) {
-  const std::string input = Write("0000.png", Read("images/0000.png"));
+  const std::string input = Write("0000.png", Text("images/0000.png"));
   ASSERT_EQ(0, Run({"run", "--annotate", "new/answers", kModel, "images", input}).status);
   EXPECT_TRUE(fs::exists("new/answers/0000-2.png"));  // of two images of a name
   cv::Mat picture = cv::imread("images/0001.png");
@@ -101,8 +101,8 @@ TEST_F(VelmoraModelTest, AnnotatesWithoutReplacingAnything) {
   EXPECT_THAT(refused.error, testing::ContainsRegex("used/0000.png: is an input image\n"
                                                     ".*used/0001.png: is a link\n"
                                                     ".*used/0002.png: is not a file\n"));
-  EXPECT_EQ(Read("images/0000.png"), Read(input));
-  EXPECT_EQ("as it was", Read(other));
+  EXPECT_EQ(Text("images/0000.png"), Text(input));
+  EXPECT_EQ("as it was", Text(other));
 }
 
 TEST_F(VelmoraModelTest, BadImagesAreOneLineEachAndTheOthersAreDone) {
@@ -118,7 +118,7 @@ TEST_F(VelmoraModelTest, BadImagesAreOneLineEachAndTheOthersAreDone) {
       {"[gone]", "./[gone]: No such file or directory"},
       {Write("empty.png", ""), "empty.png: the file is empty"},
       {Write("cut.jpg", {jpeg.begin(), jpeg.end()}), "cut.jpg: the image is cut short"},
-      {Write("cut.png", Read(kGood).substr(0, 1500)), "cut.png: cannot be decoded as an image"},
+      {Write("cut.png", Text(kGood).substr(0, 1500)), "cut.png: cannot be decoded as an image"},
       {Write("huge.bmp", {huge.begin(), huge.end()}),
        "huge.bmp: 24577 x 24577 pixels are more than the 268435456 that are read"},
       {Write("\n\x1b\xff\u202E e\u0301.png", "text"),
@@ -145,7 +145,7 @@ TEST_F(VelmoraModelTest, ShowsAndSavesOutputsAsTheyAre) {
       EXPECT_EQ(Parse("[1, 10]"), output["shape"]);
       EXPECT_NEAR(0.1, output["mean"].asDouble(), 1e-6);
       EXPECT_EQ("{'descr': '<f4', 'fortran_order': False, 'shape': (1, 10), }",
-                Read(output["saved"].asString()).substr(10, 60));
+                Text(output["saved"].asString()).substr(10, 60));
     }
   }
   if (kRuns.at("tflite")) {  // where the output may have any name

@@ -42,7 +42,7 @@ void AddBlob(pb::Message& layer, const CaffeBlob& blob, std::minstd_rand& random
 
 }  // namespace
 
-CaffeModel MakeCaffeModel(const std::string& prototxt, const std::vector<CaffeBlob>& blobs) {
+std::string MakeCaffeModel(const std::string& prototxt, const std::vector<CaffeBlob>& blobs) {
   pb::FileDescriptorSet files;
   static_cast<void>(files.ParseFromArray(kCaffeFormat, sizeof kCaffeFormat));
   pb::DescriptorPool pool;
@@ -55,23 +55,16 @@ CaffeModel MakeCaffeModel(const std::string& prototxt, const std::vector<CaffeBl
   }
 
   const pb::Reflection& reflection = *net->GetReflection();
-  const pb::FieldDescriptor* layers = FieldOf(*net, "layer");
-  if (reflection.FieldSize(*net, layers) == 0) layers = FieldOf(*net, "layers");
-  const std::unique_ptr<pb::Message> weights(net->New());
+  const pb::FieldDescriptor* const layers = FieldOf(*net, "layer");
   auto blob = blobs.begin();
   std::minstd_rand random(20);
   for (int i = 0; i < reflection.FieldSize(*net, layers); ++i) {
     pb::Message* layer = reflection.MutableRepeatedMessage(net.get(), layers, i);
     const std::string name = layer->GetReflection()->GetString(*layer, FieldOf(*layer, "name"));
     for (; blob != blobs.end() && blob->layer == name; ++blob) AddBlob(*layer, *blob, random);
-    pb::Message* unwired = reflection.AddMessage(weights.get(), layers);
-    unwired->CopyFrom(*layer);
-    for (const char* const field : {"bottom", "top"}) {
-      unwired->GetReflection()->ClearField(unwired, FieldOf(*unwired, field));
-    }
   }
   if (blob != blobs.end()) throw std::runtime_error("no layer " + blob->layer);
-  return {prototxt, weights->SerializeAsString(), net->SerializeAsString()};
+  return net->SerializeAsString();
 }
 
 std::string VarintField(int number, std::uint64_t value) {

@@ -16,16 +16,10 @@ struct CaffeBlob {
   float high = 0.5F;
 };
 
-/// A model as the bytes of its files. `layer` and `layers` descriptions are both served.
-struct CaffeModel {
-  std::string prototxt;
-  std::string weights;  // of the pair: the layers without what they read and write
-  std::string binary;   // the whole model in one message
-};
-
-/// The blobs stand in the order of their layers. Throws std::runtime_error if the description does
-/// not parse or lacks a blob's layer.
-CaffeModel MakeCaffeModel(const std::string& prototxt, const std::vector<CaffeBlob>& blobs);
+/// The bytes of a model in one file, which is also that of the weights of a pair. The blobs stand
+/// in the order of their layers. Throws std::runtime_error if the description does not parse or
+/// lacks a blob's layer.
+std::string MakeCaffeModel(const std::string& prototxt, const std::vector<CaffeBlob>& blobs);
 
 /// One field of a message, for files that no honest writer makes.
 std::string VarintField(int number, std::uint64_t value);

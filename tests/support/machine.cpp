@@ -102,6 +102,9 @@ void Write(int priority, const char* format, va_list arguments) {
 
 namespace velmora {
 
+std::int64_t test::clock_at = 0;
+std::function<void()> test::when_the_clock_is_read;
+
 std::string test::Place(const std::string& path) {
   fs::create_directories(root.path() + fs::path(path).parent_path().string());
   return root.path() + path;
@@ -206,13 +209,18 @@ MOVE(int, posix_spawn,
       const posix_spawnattr_t* attributes, char* const* arguments, char* const* environment),
      process, Moved(path), actions, attributes, arguments, environment)
 
-// Time passes VELMORA_TEST_SPEED times as fast. What waits for a point in time and is not below
-// waits longer, by the machine's own clock.
+// Time passes VELMORA_TEST_SPEED times as fast, or stands. What waits for a point in time and is
+// not below waits longer, by the machine's own clock.
 int clock_gettime(clockid_t clock, timespec* time) noexcept {
+  using velmora::test::clock_at, velmora::test::when_the_clock_is_read;
   const long result = syscall(SYS_clock_gettime, clock, time);
-  if (clock == CLOCK_MONOTONIC && speed > 1) {
-    const long fast = (time->tv_sec * 1'000'000'000 + time->tv_nsec) * speed;
-    *time = {fast / 1'000'000'000, fast % 1'000'000'000};
+  if (clock == CLOCK_MONOTONIC && (speed > 1 || clock_at != 0)) {
+    if (when_the_clock_is_read && gettid() == getpid()) {
+      std::exchange(when_the_clock_is_read, nullptr)();
+    }
+    const long now = (time->tv_sec * 1'000'000'000 + time->tv_nsec) * speed;
+    const long told = clock_at != 0 ? clock_at : now;
+    *time = {told / 1'000'000'000, told % 1'000'000'000};
   }
   return static_cast<int>(result);
 }

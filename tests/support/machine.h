@@ -4,6 +4,8 @@
 // VELMORA_TEST_PLATFORM names, such as "ie gpu". Programs are run with it through LD_PRELOAD.
 #pragma once
 
+#include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -31,5 +33,11 @@ std::vector<LogLine> TakeLog();
 /// What this process asked the platform library since the last call, in order, with blanks between;
 /// behind "gpu" the list of OpenCL drivers that was set then.
 std::string TakeQuestions();
+
+/// Nanoseconds at which the monotonic clock of this process stands; 0 for the real one.
+extern std::int64_t clock_at;
+
+/// Called once, when this process's first thread reads that clock next.
+extern std::function<void()> when_the_clock_is_read;
 
 }  // namespace velmora::test

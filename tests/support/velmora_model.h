@@ -4,14 +4,10 @@
 #include <gmock/gmock.h>
 #include <json/json.h>
 
-#include <filesystem>
-#include <fstream>
 #include <map>
 #include <sstream>
-#include <string>
-#include <vector>
 
-#include "support/machine.h"
+#include "support/processes.h"
 #include "support/subprocess.h"
 
 namespace velmora::test {
@@ -27,13 +23,8 @@ inline const std::string kGood = "images/0003.png";
 inline const std::string kCopy =
     "input: 'data' layer { name: 'x' type: 'Split' bottom: 'data' top: 'x' }";
 
-inline std::string Read(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
 inline std::string Write(const std::string& name, const std::string& text) {
-  std::ofstream(name, std::ios::binary) << text;
+  SetText(name, text);
   return name;
 }
 
@@ -44,10 +35,10 @@ inline Json::Value Parse(const std::string& text) {
 }
 
 /// In a new working directory with links to the sample's files, on a machine for OpenCV alone.
-class VelmoraModelTest : public testing::Test {
+class VelmoraModelTest : public MachineTest {
  protected:
-  VelmoraModelTest() {
-    velmora::test::NewMachine();
+  void SetUp() override {
+    MachineTest::SetUp();
     Machine("");
     namespace fs = std::filesystem;
     for (const fs::path& file : fs::directory_iterator(VELMORA_SAMPLE_MODEL)) {
@@ -73,7 +64,7 @@ class VelmoraModelTest : public testing::Test {
 
   /// The sample's MODEL.json with one place changed.
   std::string Changed(const std::string& from, const std::string& to) {
-    std::string text = Read(kModel);
+    std::string text = Text(kModel);
     return NewFile(".json", text.replace(text.find(from), from.size(), to));
   }
 
