@@ -5,6 +5,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <clocale>
+#include <cstdlib>
 #include <map>
 #include <opencv2/core/utils/logger.hpp>
 
@@ -140,6 +141,7 @@ constexpr char kCheckStatusHelp[] = R"(Exit status:
 
 /// The program tells of a failure in one line of its own; the engines would add theirs.
 void SilenceEngines() {
+  setenv("HWLOC_HIDE_ERRORS", "2", 0);  // of OpenVINO's threads, where there is no /sys
   cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_SILENT);
   velmora::compat::SilenceProtobuf();
 }
