@@ -13,7 +13,8 @@ using namespace velmora::test;
 
 namespace {
 
-Lines asked;  // of the appliance's libraries, each question with its arguments
+Lines asked;         // of the appliance's libraries, each question with its arguments
+bool fails = false;  // the one for values, and leaves something in the buffer
 
 template <typename... Arguments>
 void Note(const char* name, Arguments... arguments) {
@@ -39,7 +40,9 @@ int KLIBCProcAlive(int pid) {
 
 int KLIBCFileGetKeyValue(const char* file, const char* key, char* buffer, int size, int flags) {
   Note("value", file, key, size, flags);
-  return Next(KLIBCFileGetKeyValue, "KLIBCFileGetKeyValue")(file, key, buffer, size, flags);
+  const int result =
+      Next(KLIBCFileGetKeyValue, "KLIBCFileGetKeyValue")(file, key, buffer, size, flags);
+  return fails ? -1 : result;
 }
 
 int KARVFSMkdirP(const char* path, int a, int b, unsigned c, unsigned d, unsigned mode) {
@@ -197,6 +200,14 @@ TEST_F(PlatformUtilsTest, AsksTheAppliancesLibrariesAsTheyExpectIt) {
     { const LibReelhouse::TransLoading second; }
     EXPECT_EQ((Lines{"alive 1", "alive 2147483647", "alive 2"}), asked);
   });
+}
+
+TEST_F(PlatformUtilsTest, DoesNotKnowAMachineThatCannotBeAsked) {
+  PlaceFile("/etc.defaults/karvinfo.conf", "unique=v_braswell_m1");
+  EXPECT_EQ("braswell", PlatformUtils().GetPlatform());
+  fails = true;
+  EXPECT_EQ("", PlatformUtils().GetPlatform());
+  fails = false;
 }
 
 TEST_F(PlatformUtilsTest, ReadsTheFilesOfProcLineByLine) {
