@@ -5,9 +5,9 @@
 // usage: forward-benchmark LIBRARY.so BY_HAND.so NAME WIDTH HEIGHT [BATCH [DEVICE]]
 //
 // With the tests' machine as LD_PRELOAD, LD_LIBRARY_PATH at the tests' folder "engine", and
-// VELMORA_TEST_PLATFORM, the DEVICE may be "GPU", which is the CPU under that name: what is measured
-// is what a network that may move costs above the engine, its look at the record of transcoding
-// included.
+// VELMORA_TEST_PLATFORM, the DEVICE may be "GPU", which is the CPU under that name: what is
+// measured is what a network that may move costs above the engine, its look at the record of
+// transcoding included.
 #include <benchmark/benchmark.h>
 #include <dlfcn.h>
 
