@@ -93,8 +93,11 @@ TEST_F(VelmoraModelTest, BadInputIsOneLine) {
       const Finished finished = Run(arguments);
       EXPECT_EQ(status, finished.status);
       EXPECT_THAT(finished.error, HasSubstr(error));
-      EXPECT_EQ(1, std::count(finished.error.begin(), finished.error.end(), '\n'))
-          << finished.error;
+      // TensorFlow Lite's own C++ API reports to standard error besides, the bridge to the log.
+      if (VELMORA_TENSORFLOW_LITE_IS_BRIDGE || arguments.back() != "tflite") {
+        EXPECT_EQ(1, std::count(finished.error.begin(), finished.error.end(), '\n'))
+            << finished.error;
+      }
     }
   }
   EXPECT_EQ(1, RunProcess({"/bin/sh", "-c", "exec \"$@\" >/dev/full", "sh", VELMORA_MODEL_PROGRAM,
