@@ -112,11 +112,9 @@ constexpr const char* kOmx = "RTD1296 OMX Hardware Gstreamer FFmpeg2 Setting";
 const Machine kMachines[] = {
     {},
     {"braswell"},
-    {"v__braswell"},
     {"v_Braswell_m1"},
     {"_cedarview", "2", "cedarview_2"},
     {"v_bromolow_m1", "", "bromolow_1"},
-    {"v_bromolow_m1", "1", "bromolow_1"},
     {"v_alpine_m1", "1", "cedarview_2", "Alpine"},
     {"v_alpine4k_m1", "1", "cedarview_2", "Alpine"},
     {"v_xalpinex_m1", "1", "cedarview_2"},
