@@ -12,7 +12,7 @@
 #include <sstream>
 #include <vector>
 
-#include "opencv/caffe_model.h"
+#include "caffe/caffe_model.h"
 #include "protobuf_log.h"
 #include "support.h"
 
@@ -198,13 +198,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   static const MemoryFile description;
   model.Set(data, size);
   NetworkConfig config;
-  if (compat::RefusalOfCaffeBinary(model.path()).empty()) {
+  if (guards::RefusalOfCaffeBinary(model.path()).empty()) {
     config.dnn_binary_path = model.path();
   } else {
     description.Set(reinterpret_cast<const std::uint8_t*>(kDescription), sizeof kDescription - 1);
     config.dnn_prototxt_path = description.path();
     config.dnn_caffemodel_path = model.path();
-    if (!compat::RefusalOfCaffePair(description.path(), model.path()).empty() ||
+    if (!guards::RefusalOfCaffePair(description.path(), model.path()).empty() ||
         Split(std::string(data, data + size)).empty()) {  // OpenCV cannot parse it either
       return 0;
     }
@@ -212,8 +212,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const bool is_pair = config.dnn_binary_path.empty();
   const unsigned end = RunModel(
       [&] {
-        DnnNetwork(config).Forward(ImageFor(is_pair ? compat::InputOfCaffePair(description.path())
-                                                    : compat::InputOfCaffeBinary(model.path())));
+        DnnNetwork(config).Forward(ImageFor(is_pair ? guards::InputOfCaffePair(description.path())
+                                                    : guards::InputOfCaffeBinary(model.path())));
       },
       [&] { return IsLeft(std::string(data, data + size)); });
   NoteOutcome(is_pair ? 8 + end : end);

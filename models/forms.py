@@ -16,7 +16,7 @@ LIMIT, LIMIT_16_BITS = 1e-5, 1e-2  # largest difference between a form's answers
 
 
 def caffe_net_class():
-    folder = Path(__file__).resolve().parents[1] / "compat/opencv"
+    folder = Path(__file__).resolve().parents[1] / "guards/caffe"
     format_set = subprocess.run(
         ["protoc", f"--proto_path={folder}", "--descriptor_set_out=/dev/stdout", "caffe_format.proto"],
         stdout=subprocess.PIPE, check=True).stdout

@@ -1,4 +1,4 @@
-#include "opencv/caffe_model.h"
+#include "caffe/caffe_model.h"
 
 #include <gmock/gmock.h>
 #include <google/protobuf/descriptor.h>
@@ -16,7 +16,7 @@
 #include "support/caffe_writer.h"
 #include "support/machine.h"
 
-namespace velmora::plugin::network::compat {
+namespace velmora::plugin::network::guards {
 namespace {
 
 namespace pb = ::google::protobuf;
@@ -258,4 +258,4 @@ TEST_F(CaffeModelTest, ARefusalSaysWhichLayerAndWhy) {
 // clang-format on
 
 }  // namespace
-}  // namespace velmora::plugin::network::compat
+}  // namespace velmora::plugin::network::guards

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "opencv/caffe_model.h"
+#include "caffe/caffe_model.h"
 
 namespace velmora::plugin::network::cv::dnn {
 
@@ -170,9 +170,9 @@ Blob Net::getBlob(const String& output_name) {
 }
 
 Net readNetFromCaffe(const String& prototxt, const String& caffe_model) {
-  return Net(compat::ReadCaffePair(prototxt, caffe_model));
+  return Net(guards::ReadCaffePair(prototxt, caffe_model));
 }
 
-Net readNetFromCaffeBinary(const String& path) { return Net(compat::ReadCaffeBinary(path)); }
+Net readNetFromCaffeBinary(const String& path) { return Net(guards::ReadCaffeBinary(path)); }
 
 }  // namespace velmora::plugin::network::cv::dnn

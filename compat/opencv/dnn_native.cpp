@@ -1,13 +1,13 @@
 #include <opencv2/dnn.hpp>
 
-#include "opencv/caffe_model.h"
+#include "caffe/caffe_model.h"
 
 namespace velmora::plugin::network::cv::dnn {
 
 Net readNetFromCaffe(const String& prototxt, const String& caffe_model) {
-  return compat::ReadCaffePair(prototxt.c_str(), caffe_model.c_str());
+  return guards::ReadCaffePair(prototxt.c_str(), caffe_model.c_str());
 }
 
-Net readNetFromCaffeBinary(const String& path) { return compat::ReadCaffeBinary(path.c_str()); }
+Net readNetFromCaffeBinary(const String& path) { return guards::ReadCaffeBinary(path.c_str()); }
 
 }  // namespace velmora::plugin::network::cv::dnn

@@ -234,7 +234,7 @@ InterpreterBuilder::InterpreterBuilder(const FlatBufferModel& model, const OpRes
 TfLiteStatus InterpreterBuilder::operator()(std::unique_ptr<Interpreter>* interpreter) {
   const auto& [file, model, reporter] = model_.impl();
   auto impl = std::make_unique<Interpreter::Impl>(
-      model.get(), reporter, compat::IsGraphForXnnpack(file.data()) ? MakeDelegate() : nullptr);
+      model.get(), reporter, guards::IsGraphForXnnpack(file.data()) ? MakeDelegate() : nullptr);
   if (!impl->Build() && !impl->BuildWithoutDelegate()) {
     interpreter->reset();
     return static_cast<TfLiteStatus>(1);

@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "network/log.h"
-#include "opencv/caffe_model.h"
+#include "caffe/caffe_model.h"
 
 namespace velmora::plugin::network {
 
@@ -25,8 +25,8 @@ DnnNetwork::DnnNetwork(NetworkConfig config) : BaseNetwork(config), net_(std::ma
   if (net_->empty()) {
     const std::string reason =
         config_.dnn_binary_path.empty()
-            ? compat::RefusalOfCaffePair(config_.dnn_prototxt_path, config_.dnn_caffemodel_path)
-            : compat::RefusalOfCaffeBinary(config_.dnn_binary_path);
+            ? guards::RefusalOfCaffePair(config_.dnn_prototxt_path, config_.dnn_caffemodel_path)
+            : guards::RefusalOfCaffeBinary(config_.dnn_binary_path);
     if (!reason.empty()) {
       LogInfo("[DnnNetwork] Refused {}", reason);
     }

@@ -11,7 +11,7 @@
 
 namespace velmora::test {
 
-namespace format = plugin::network::compat::format;
+namespace format = plugin::network::guards::format;
 
 /// One model of one graph. Tensors are numbered from 0 in the order in which they are added.
 class TfLiteWriter {

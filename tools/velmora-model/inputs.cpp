@@ -11,7 +11,7 @@
 #include <string>
 
 #include "common.h"
-#include "opencv/caffe_model.h"
+#include "caffe/caffe_model.h"
 #if VELMORA_HAS_INFERENCE_ENGINE
 #include <inference_engine.hpp>
 #endif
@@ -78,7 +78,7 @@ class Words : public tflite::ErrorReporter {
   std::string said_;
 };
 
-namespace format = compat::format;
+namespace format = guards::format;
 
 /// The shape of the model's first input or output; empty where there is none.
 template <typename List>
@@ -101,7 +101,7 @@ std::vector<int> FirstTensor(const NetworkConfig& config, List list) {
 }  // namespace
 
 InputShape DnnInput(const NetworkConfig& config) {
-  using namespace plugin::network::compat;
+  using namespace plugin::network::guards;
   return ShapeOf(config.dnn_binary_path.empty() ? InputOfCaffePair(config.dnn_prototxt_path)
                                                 : InputOfCaffeBinary(config.dnn_binary_path),
                  false);
@@ -125,7 +125,7 @@ InputShape TfLiteInput([[maybe_unused]] const NetworkConfig& config) {
 }
 
 std::string DnnReason(const NetworkConfig& config) {
-  using namespace plugin::network::compat;
+  using namespace plugin::network::guards;
   return config.dnn_binary_path.empty()
              ? RefusalOfCaffePair(config.dnn_prototxt_path, config.dnn_caffemodel_path)
              : RefusalOfCaffeBinary(config.dnn_binary_path);
@@ -184,8 +184,8 @@ ShapeReader DnnOutputs(const NetworkConfig& config) {
     if (net.empty()) {
       net = engine::cv::dnn::Net(
           config.dnn_binary_path.empty()
-              ? engine::compat::ReadCaffePair(config.dnn_prototxt_path, config.dnn_caffemodel_path)
-              : engine::compat::ReadCaffeBinary(config.dnn_binary_path));
+              ? engine::guards::ReadCaffePair(config.dnn_prototxt_path, config.dnn_caffemodel_path)
+              : engine::guards::ReadCaffeBinary(config.dnn_binary_path));
     }
     net.setBlob(".data", engine::cv::dnn::Blob::fromImages(image));
     net.forward();

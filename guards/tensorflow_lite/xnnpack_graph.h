@@ -1,6 +1,6 @@
 #pragma once
 
-namespace velmora::plugin::network::compat {
+namespace velmora::plugin::network::guards {
 
 /// Whether XNNPACK can be asked for its part of a model's graphs. It ends the process at some that
 /// the engine runs without it, as of 2.20; newer ones of the engine run them with it:
@@ -10,4 +10,4 @@ namespace velmora::plugin::network::compat {
 /// `data` is a file that the engine has verified.
 bool IsGraphForXnnpack(const char* data);
 
-}  // namespace velmora::plugin::network::compat
+}  // namespace velmora::plugin::network::guards

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cstring>
 
-namespace velmora::plugin::network::compat {
+namespace velmora::plugin::network::guards {
 
 namespace {
 
@@ -81,4 +81,4 @@ std::vector<std::int64_t> Step::ShapeOf(const format::Tensor* tensor) {
   return sizes;
 }
 
-}  // namespace velmora::plugin::network::compat
+}  // namespace velmora::plugin::network::guards

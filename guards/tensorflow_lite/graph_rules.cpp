@@ -1,4 +1,4 @@
-#include "tensorflow_lite/graph_verifier.h"
+#include "tensorflow_lite/graph_rules.h"
 
 #include <fmt/format.h>
 
@@ -7,7 +7,7 @@
 
 #include "tensorflow_lite/step.h"
 
-namespace velmora::plugin::network::compat {
+namespace velmora::plugin::network::guards {
 
 namespace {
 
@@ -147,11 +147,10 @@ int DepthOf(const format::Model& model, std::uint32_t graph, int level, std::vec
 
 }  // namespace
 
-bool GraphVerifier::Verify(const char* data, int /*length*/, tflite::ErrorReporter* reporter) {
+std::string RefusalOfGraphs(const char* data) {
   const format::Model& model = *format::GetModel(data);
   if (model.subgraphs() == nullptr) {
-    reporter->Report("Refused: it has no graphs");
-    return false;
+    return "it has no graphs";
   }
   const auto& graphs = *model.subgraphs();
   std::vector<int> depths(graphs.size());
@@ -160,11 +159,10 @@ bool GraphVerifier::Verify(const char* data, int /*length*/, tflite::ErrorReport
                             ? fmt::format("graphs in it run each other more than {} deep", kDeepest)
                             : LookAtGraph(model, *graphs[i], i == 0);
     if (!fault.empty()) {
-      reporter->Report("Refused: graph %u, %s", i, fault.c_str());
-      return false;
+      return fmt::format("graph {}, {}", i, fault);
     }
   }
-  return true;
+  return {};
 }
 
-}  // namespace velmora::plugin::network::compat
+}  // namespace velmora::plugin::network::guards

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-namespace velmora::plugin::network::compat {
+namespace velmora::plugin::network::guards {
 
 using format::BuiltinOperator;
 using Indices = flatbuffers::Vector<std::int32_t>;
@@ -57,4 +57,4 @@ class Step {
 Fault LookAtOperator(const Step& step);
 Fault LookAtSizes(const Step& step);
 
-}  // namespace velmora::plugin::network::compat
+}  // namespace velmora::plugin::network::guards

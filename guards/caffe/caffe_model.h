@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-namespace velmora::plugin::network::compat {
+namespace velmora::plugin::network::guards {
 
 /// Why the description (text) and its weights (binary; an empty path for none) are kept from
 /// OpenCV, in words for the author of the model, with the file and if possible the layer: they
@@ -40,4 +40,4 @@ std::vector<std::int64_t> InputOfCaffeBinary(const std::string& path);
 /// that OpenCV refuses, and std::system_error if the system has no memory file to spare.
 ::cv::dnn::Net ReadCaffeBinary(const std::string& path);
 
-}  // namespace velmora::plugin::network::compat
+}  // namespace velmora::plugin::network::guards

@@ -7,7 +7,7 @@
 
 #include "tensorflow_lite/step.h"
 
-namespace velmora::plugin::network::compat {
+namespace velmora::plugin::network::guards {
 
 namespace {
 
@@ -178,4 +178,4 @@ Fault LookAtSizes(const Step& step) {
   return LookAtShape(step, sizes);
 }
 
-}  // namespace velmora::plugin::network::compat
+}  // namespace velmora::plugin::network::guards

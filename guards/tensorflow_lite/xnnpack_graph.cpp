@@ -5,7 +5,7 @@
 
 #include "tensorflow_lite/step.h"
 
-namespace velmora::plugin::network::compat {
+namespace velmora::plugin::network::guards {
 
 namespace {
 
@@ -78,4 +78,4 @@ bool IsGraphForXnnpack(const char* data) {
   });
 }
 
-}  // namespace velmora::plugin::network::compat
+}  // namespace velmora::plugin::network::guards

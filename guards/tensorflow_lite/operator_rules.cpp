@@ -7,7 +7,7 @@
 
 #include "tensorflow_lite/step.h"
 
-namespace velmora::plugin::network::compat {
+namespace velmora::plugin::network::guards {
 
 namespace {
 
@@ -223,4 +223,4 @@ Fault LookAtOperator(const Step& step) {
   return {};
 }
 
-}  // namespace velmora::plugin::network::compat
+}  // namespace velmora::plugin::network::guards
