@@ -11,7 +11,7 @@ set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 # What a package needs is asked of its files; what these packages have of each other is said below.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS
-  ${PROJECT_BINARY_DIR}/src ${PROJECT_BINARY_DIR}/platform)
+  ${PROJECT_BINARY_DIR}/src ${PROJECT_BINARY_DIR}/appliance)
 if(brought_openvino)
   list(APPEND CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${engines}/openvino/openvino/libs)
 endif()
