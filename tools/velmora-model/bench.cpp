@@ -1,26 +1,45 @@
+#include "bench.h"
+
 #include <fmt/format.h>
 #include <json/json.h>
 #include <sys/utsname.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
-#include <cmath>
 #include <ctime>
 #include <fstream>
+#include <memory>
 #include <numeric>
 #include <set>
 #include <thread>
+#include <utility>
 
 #include "child_process.h"
 #include "commands.h"
 #include "common.h"
 #include "images.h"
 #include "model.h"
+#include "options.h"
+#include "statistics.h"
 
 namespace velmora::tool {
 
 namespace {
+
+constexpr char kHelp[] =
+    R"(Without images, one made-up image of the model's size is used. A run is one
+batch through the network; the time to read and prepare images is not counted.
+p90 is the time that 90 % of the runs did not exceed.
+
+--transcode plays a video evening: 20 inferences a second for SECONDS; as long
+again while another process is registered as transcoding with hardware; then
+until the network is back on the GPU, or for the quiet minute where there is
+none; then SECONDS more.
+
+Examples:
+  velmora-model bench digits/model.json
+  velmora-model bench --json --iterations 1000 digits/model.json digits/images
+)";
 
 #ifdef __OPTIMIZE__
 constexpr bool kOptimised = true;
@@ -34,6 +53,23 @@ constexpr const char kCompiler[] = __VERSION__;
 constexpr const char kCompiler[] = "GCC " __VERSION__;
 #endif
 
+/// What the process holds at a moment.
+struct Held {
+  std::size_t resident_kib = 0;
+  std::size_t libraries = 0;  // shared objects that are mapped
+};
+
+/// All times are in milliseconds.
+struct Report {
+  std::size_t images = 0;
+  std::vector<std::pair<const char*, double>> latency;  // of a run: the mean and percentiles
+  double images_per_second = 0;
+  double busy_cores = 0;
+  double load = 0;
+  Held before;  // the model is loaded
+  Held loaded;
+};
+
 std::string CpuModel(const utsname& system) {
   std::ifstream file("/proc/cpuinfo");
   for (std::string line; std::getline(file, line);) {
@@ -45,8 +81,11 @@ std::string CpuModel(const utsname& system) {
   return system.machine;  // not every architecture names its model
 }
 
-/// What the process holds at this moment: memory, and shared objects that are mapped.
-Json::Value Held() {
+std::string Kernel(const utsname& system) {
+  return fmt::format("{} {} {}", system.sysname, system.release, system.machine);
+}
+
+Held HoldsNow() {
   std::set<std::string> libraries;
   std::ifstream maps("/proc/self/maps");
   for (std::string line; std::getline(maps, line);) {
@@ -55,10 +94,7 @@ Json::Value Held() {
       libraries.insert(line.substr(path));
     }
   }
-  Json::Value held;
-  held["resident_kib"] = Json::UInt64{ResidentKib("self")};
-  held["libraries"] = Json::UInt64{libraries.size()};
-  return held;
+  return {ResidentKib("self"), libraries.size()};
 }
 
 std::vector<cv::Mat> PrepareInput(const BenchOptions& options, const Model& model,
@@ -100,23 +136,73 @@ std::vector<double> Measure(const BenchOptions& options, const Model& model,
   return latencies;
 }
 
-/// The smallest latency that so many percent of the iterations do not exceed.
-double Percentile(const std::vector<double>& sorted, double percent) {
-  const double rank = std::ceil(percent / 100 * static_cast<double>(sorted.size()));
-  return sorted[static_cast<std::size_t>(std::max(rank, 1.0)) - 1];
+Json::Value ToJson(const Held& held) {
+  Json::Value value;
+  value["resident_kib"] = Json::UInt64{held.resident_kib};
+  value["libraries"] = Json::UInt64{held.libraries};
+  return value;
 }
 
-}  // namespace
+Json::Value ToJson(const Report& report, const BenchOptions& options, const Model& model) {
+  Json::Value document;
+  document["model"] = JsonText(model.name);
+  document["engine"] = model.engine.name;
+  document["device"] = model.engine.device();
+  document["why"] = model.engine.why;
+  document["iterations"] = options.iterations;
+  document["warmup"] = options.warmup;
+  document["batch"] = options.batch;
+  document["images"] = Json::UInt64{report.images};
+  for (const auto& [name, milliseconds] : report.latency) {
+    document["latency_ms"][name] = milliseconds;
+  }
+  document["images_per_second"] = report.images_per_second;
+  document["busy_cores"] = report.busy_cores;
+  document["load_ms"] = report.load;
+  document["held"]["before"] = ToJson(report.before);
+  document["held"]["loaded"] = ToJson(report.loaded);
+  utsname system{};
+  uname(&system);
+  document["machine"]["cpu"] = JsonText(CpuModel(system));
+  document["machine"]["cores"] = std::thread::hardware_concurrency();
+  document["machine"]["kernel"] = Kernel(system);
+  document["build"]["version"] = VELMORA_VERSION;
+  document["build"]["type"] = VELMORA_BUILD_TYPE;
+  document["build"]["compiler"] = kCompiler;
+  document["build"]["optimised"] = kOptimised;
+  return document;
+}
+
+void PrintTable(const Report& report, const BenchOptions& options, const Model& model) {
+  utsname system{};
+  uname(&system);
+  Print(fmt::format("model       {}\n", OneLine(model.name)));
+  Print(EngineLines(model.engine));
+  Print(fmt::format("machine     {}, {} cores, {}\n", OneLine(CpuModel(system)),
+                    std::thread::hardware_concurrency(), Kernel(system)));
+  Print(fmt::format("build       {} {}, {}{}\n", VELMORA_VERSION, VELMORA_BUILD_TYPE, kCompiler,
+                    kOptimised ? "" : ", NOT OPTIMISED"));
+  Print(fmt::format("runs        {} of batch {}, after {} to warm up\n", options.iterations,
+                    options.batch, options.warmup));
+  Print(fmt::format("throughput  {:.1f} images/s\n\n", report.images_per_second));
+  std::string names;
+  std::string values;
+  for (const auto& [name, milliseconds] : report.latency) {
+    names += fmt::format("{:>10}", name);
+    values += fmt::format("{:>10.3f}", milliseconds);
+  }
+  Print(fmt::format("latency of a run (ms)\n{}\n{}\n", names, values));
+}
 
 int Bench(const BenchOptions& options) {
   using Clock = std::chrono::steady_clock;
   using Milliseconds = std::chrono::duration<double, std::milli>;
-  Json::Value held;
-  held["before"] = Held();
+  Report report;
+  report.before = HoldsNow();
   const Clock::time_point load_start = Clock::now();
   Model model = LoadModel(options.model, options.backend);
-  const Milliseconds load = Clock::now() - load_start;
-  held["loaded"] = Held();
+  report.load = Milliseconds(Clock::now() - load_start).count();
+  report.loaded = HoldsNow();
   Console console;
   if (!kOptimised) {
     console.Say("warning: this is not an optimised build: its times mean little");
@@ -125,6 +211,7 @@ int Bench(const BenchOptions& options) {
   if (input.empty()) {
     return kNotAllDone;
   }
+  report.images = input.size();
   std::vector<double> latencies;
   const Clock::time_point start = Clock::now();
   const std::clock_t processor_start = std::clock();
@@ -135,70 +222,48 @@ int Bench(const BenchOptions& options) {
     return kNotAllDone;
   }
   const double processor = static_cast<double>(std::clock() - processor_start) / CLOCKS_PER_SEC;
-  const double busy_cores = processor * 1000 / Milliseconds(Clock::now() - start).count();
-  const double sum = std::accumulate(latencies.begin(), latencies.end(), 0.0);
-  const double images = static_cast<double>(latencies.size()) * options.batch;
-  const double images_per_second = images / sum * 1000;
-  std::sort(latencies.begin(), latencies.end());
-  const std::pair<const char*, double> statistics[] = {
-      {"mean", sum / static_cast<double>(latencies.size())},
-      {"p50", Percentile(latencies, 50)},
-      {"p90", Percentile(latencies, 90)},
-      {"p95", Percentile(latencies, 95)},
-      {"p99", Percentile(latencies, 99)},
-      {"max", latencies.back()}};
-  utsname system{};
-  uname(&system);
-
-  Json::Value document;
-  document["model"] = JsonText(model.name);
-  document["engine"] = model.engine.name;
-  document["device"] = model.engine.device();
-  document["why"] = model.engine.why;
-  document["iterations"] = options.iterations;
-  document["warmup"] = options.warmup;
-  document["batch"] = options.batch;
-  document["images"] = Json::UInt64{input.size()};
-  for (const auto& [name, milliseconds] : statistics) {
-    document["latency_ms"][name] = milliseconds;
-  }
-  document["images_per_second"] = images_per_second;
-  document["busy_cores"] = busy_cores;
-  document["load_ms"] = load.count();
-  Json::Value& machine = document["machine"];
-  machine["cpu"] = JsonText(CpuModel(system));
-  machine["cores"] = std::thread::hardware_concurrency();
-  machine["kernel"] = fmt::format("{} {} {}", system.sysname, system.release, system.machine);
-  Json::Value& build = document["build"];
-  build["version"] = VELMORA_VERSION;
-  build["type"] = VELMORA_BUILD_TYPE;
-  build["compiler"] = kCompiler;
-  build["optimised"] = kOptimised;
+  report.busy_cores = processor * 1000 / Milliseconds(Clock::now() - start).count();
+  const double mean = std::accumulate(latencies.begin(), latencies.end(), 0.0) /
+                      static_cast<double>(latencies.size());
+  report.images_per_second = options.batch / mean * 1000;
+  report.latency = {{"mean", mean},
+                    {"p50", Percentile(latencies, 50)},
+                    {"p90", Percentile(latencies, 90)},
+                    {"p95", Percentile(latencies, 95)},
+                    {"p99", Percentile(latencies, 99)},
+                    {"max", Percentile(latencies, 100)}};
   if (options.json) {
+    Json::Value document = ToJson(report, options, model);
     model.engine.network.reset();
-    held["deleted"] = Held();
-    document["held"] = held;
+    document["held"]["deleted"] = ToJson(HoldsNow());
     PrintJson(document);
-    return console.any_fault() ? kNotAllDone : kDone;
+  } else {
+    PrintTable(report, options, model);
   }
-
-  std::string names;
-  std::string values;
-  for (const auto& [name, milliseconds] : statistics) {
-    names += fmt::format("{:>10}", name);
-    values += fmt::format("{:>10.3f}", milliseconds);
-  }
-  Print(fmt::format("model       {}\n", OneLine(model.name)));
-  Print(EngineLines(model.engine));
-  Print(fmt::format("machine     {}, {} cores, {}\n", OneLine(machine["cpu"].asString()),
-                    machine["cores"].asUInt(), machine["kernel"].asString()));
-  Print(fmt::format("build       {} {}, {}{}\n", VELMORA_VERSION, VELMORA_BUILD_TYPE, kCompiler,
-                    kOptimised ? "" : ", NOT OPTIMISED"));
-  Print(fmt::format("runs        {} of batch {}, after {} to warm up\n", options.iterations,
-                    options.batch, options.warmup));
-  Print(fmt::format("throughput  {:.1f} images/s\n\n", images_per_second));
-  Print(fmt::format("latency of a run (ms)\n{}\n{}\n", names, values));
   return console.any_fault() ? kNotAllDone : kDone;
+}
+
+}  // namespace
+
+void AddBench(CLI::App* program, int* status) {
+  const auto options = std::make_shared<BenchOptions>();
+  CLI::App* const command = AddCommand(
+      program, "bench", "Measure a model's speed", fmt::format("{}\n{}", kHelp, kStatusHelp),
+      status,
+      [options] { return options->transcode > 0 ? BenchTranscode(*options) : Bench(*options); });
+  AddModel(command, &options->model);
+  CLI::Option* const images = AddImages(command, &options->images, false);
+  AddBackend(command, &options->backend);
+  CLI::Option* const transcode = AddNumber(command, "--transcode", &options->transcode, "SECONDS",
+                                           1, 3600, "Play a video evening instead: see below");
+  CLI::Option* const iterations = AddNumber(command, "--iterations", &options->iterations, "N", 1,
+                                            1'000'000, "Runs to measure [200]");
+  CLI::Option* const warmup = AddNumber(command, "--warmup", &options->warmup, "N", 0, 1'000'000,
+                                        "Runs before those, not measured [20]");
+  CLI::Option* const batch =
+      AddNumber(command, "--batch", &options->batch, "N", 1, 4096, "Images in a run [1]");
+  AddJson(command, &options->json);
+  Exclude(transcode, {images, iterations, warmup, batch});
 }
 
 }  // namespace velmora::tool

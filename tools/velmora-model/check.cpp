@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <climits>
 #include <cmath>
 #include <cstring>
 #include <memory>
@@ -15,6 +16,7 @@
 #include "description.h"
 #include "images.h"
 #include "model.h"
+#include "options.h"
 #include "outputs.h"
 
 namespace velmora::tool {
@@ -22,6 +24,32 @@ namespace velmora::tool {
 namespace {
 
 using plugin::network::OutputMap;
+
+constexpr char kHelp[] =
+    R"(For models of unknown origin, some of which end the process that runs them:
+loads and runs every form in a process of its own, which is ended when it holds
+more memory or takes longer than it may. "difference" is the largest from the
+first form's values, as a part of the largest value; forms agree up to 0.05.
+
+Exit status:
+  0  every form loads and runs, and their values are finite and agree
+  1  they do not
+  2  wrong usage
+  3  the description could not be read, or has no form that runs here)";
+
+struct CheckOptions {
+  std::string model;
+  int memory = 2048;  // MiB
+  int seconds = 60;
+  bool json = false;
+};
+
+// What Check() starts in a process of its own: reports on one form to it.
+struct CheckFormOptions {
+  std::string model;
+  std::string form;
+  int parent = 0;  // process
+};
 
 // Forms of one network in other precisions differ by far less than this part of an output's largest
 // value, and other networks by far more.
@@ -209,8 +237,6 @@ void PrintTables(const std::vector<Checked>& forms) {
   }
 }
 
-}  // namespace
-
 int Check(const CheckOptions& options) {
   Console console;
   const std::vector<Form> forms =
@@ -292,6 +318,28 @@ int CheckForm(const CheckFormOptions& options) {
   builder["indentation"] = "";
   const std::string text = Json::writeString(builder, report) + "\n" + values;
   return WriteAll(output, text) ? kDone : kNotAllDone;
+}
+
+}  // namespace
+
+void AddCheck(CLI::App* program, int* status) {
+  const auto options = std::make_shared<CheckOptions>();
+  CLI::App* const command =
+      AddCommand(program, "check", "Try every form of a model, each in a process of its own", kHelp,
+                 status, [options] { return Check(*options); });
+  AddModel(command, &options->model);
+  AddNumber(command, "--memory", &options->memory, "MIB", 1, 1'000'000,
+            "Memory that a form may hold [2048]");
+  AddNumber(command, "--seconds", &options->seconds, "N", 1, 86'400,
+            "Time that a form may take [60]");
+  AddJson(command, &options->json);
+
+  const auto form = std::make_shared<CheckFormOptions>();
+  CLI::App* const child =
+      AddCommand(program, "check-form", "", "", status, [form] { return CheckForm(*form); });
+  AddModel(child, &form->model);
+  AddText(child, "FORM", &form->form, "", "");
+  AddNumber(child, "PARENT", &form->parent, "", 1, INT_MAX, "");
 }
 
 }  // namespace velmora::tool

@@ -3,18 +3,41 @@
 
 #include <algorithm>
 #include <cmath>
+#include <memory>
 #include <optional>
 
 #include "commands.h"
 #include "common.h"
 #include "images.h"
 #include "model.h"
+#include "options.h"
+#include "statistics.h"
 
 namespace velmora::tool {
 
 namespace {
 
 using plugin::network::OutputMap;
+
+constexpr char kHelp[] =
+    R"(Runs every form of the model that works here on every image, and prints for each
+two of them and each output, over all images and values:
+  absolute    the largest |a - b|
+  relative    the largest |a - b| / max(|a|, |b|)
+  not finite  how many values of either are infinite or NaN
+  same top    for how many images the best answer is the same
+
+Exit status:
+  0  the best answers are the same everywhere and all values are finite
+  1  they are not, or something could not be done, as standard error says
+  2  wrong usage
+  3  the model could not be loaded, or has fewer than two forms that run here)";
+
+struct CompareOptions {
+  std::string model;
+  std::vector<std::string> images;
+  bool json = false;
+};
 
 /// What one engine made of all images.
 struct Runs {
@@ -90,12 +113,6 @@ std::vector<Difference> CompareAll(const std::vector<Runs>& engines) {
   return differences;
 }
 
-double Median(std::vector<double> values) {
-  const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-  std::nth_element(values.begin(), middle, values.end());
-  return *middle;
-}
-
 Json::Value ToJson(const std::vector<Runs>& engines, const std::vector<Difference>& differences) {
   Json::Value document;
   document["model"] = JsonText(engines[0].model->name);
@@ -105,7 +122,7 @@ Json::Value ToJson(const std::vector<Runs>& engines, const std::vector<Differenc
     entry["id"] = runs.model->engine.id;
     entry["engine"] = runs.model->engine.name;
     entry["device"] = runs.model->engine.device();
-    entry["median_ms"] = Median(runs.milliseconds);
+    entry["median_ms"] = Percentile(runs.milliseconds, 50);
   }
   for (const Difference& difference : differences) {
     Json::Value& entry = document["differences"].append(Json::objectValue);
@@ -131,7 +148,7 @@ void PrintTables(const std::vector<Runs>& engines, const std::vector<Difference>
   Print(fmt::format("{:<7} {:<{}}  {:<6}  {:>11}  {:>8}\n", "", "engine", width, "device",
                     "median (ms)", "images/s"));
   for (const Runs& runs : engines) {
-    const double median = Median(runs.milliseconds);
+    const double median = Percentile(runs.milliseconds, 50);
     Print(fmt::format("{:<7} {:<{}}  {:<6}  {:>11.3f}  {:>8.0f}\n", runs.model->engine.id,
                       runs.model->engine.name, width, runs.model->engine.device(), median,
                       1000 / median));
@@ -150,8 +167,6 @@ void PrintTables(const std::vector<Runs>& engines, const std::vector<Difference>
         difference.same_top ? fmt::format("{} of {}", *difference.same_top, images) : "-"));
   }
 }
-
-}  // namespace
 
 int Compare(const CompareOptions& options) {
   Console console;
@@ -206,6 +221,18 @@ int Compare(const CompareOptions& options) {
                 : "\nthe engines do not agree\n");
   }
   return agree && !console.any_fault() ? kDone : kNotAllDone;
+}
+
+}  // namespace
+
+void AddCompare(CLI::App* program, int* status) {
+  const auto options = std::make_shared<CompareOptions>();
+  CLI::App* const command =
+      AddCommand(program, "compare", "Run all engines on the same images and compare them", kHelp,
+                 status, [options] { return Compare(*options); });
+  AddModel(command, &options->model);
+  AddImages(command, &options->images);
+  AddJson(command, &options->json);
 }
 
 }  // namespace velmora::tool

@@ -10,6 +10,7 @@
 #include <stdexcept>
 
 #include "common.h"
+#include "common/backends.h"
 
 namespace velmora::tool {
 
@@ -24,12 +25,10 @@ using plugin::network::TfLiteNetwork;
 /// What there is to know of a backend without a network.
 struct Kind {
   Backend backend;
-  const char* id;  // for --backend
-  const char* name;
+  BackendInfo info;
   const char* name_and_version;
   const char* flag;
   bool NetworkConfig::*enabled;
-  bool (*is_supported)();  // by the machine
   const char* needs;
   std::vector<std::string> (*files)(const NetworkConfig& config);  // empty when there is no form
   std::unique_ptr<BaseNetwork> (*make)(const NetworkConfig& config);
@@ -85,17 +84,13 @@ std::string IeReasonOnEachDevice(const NetworkConfig& config) {
 
 /// In the order in which the factory asks.
 constexpr Kind kKinds[] = {
-    {Backend::kIe, "ie", "Inference Engine",
-     "Inference Engine (OpenVINO " VELMORA_OPENVINO_VERSION ")", "enable_ie",
-     &NetworkConfig::enable_ie, plugin::platform::IsSupportedIENetwork,
-     "ie_cpu_xml_path and ie_cpu_bin_path", CpuPair, Make<IeNetwork>, IeInput, IeReasonOnEachDevice,
-     IeOutputs},
-    {Backend::kTfLite, "tflite", "TensorFlow Lite",
-     "TensorFlow Lite " VELMORA_TENSORFLOW_LITE_VERSION, "enable_tflite",
-     &NetworkConfig::enable_tflite, plugin::platform::IsSupportedTFLiteNetwork, "tflite_model_path",
-     TfLiteFiles, Make<TfLiteNetwork>, TfLiteInput, TfLiteReason, TfLiteOutputs},
-    {Backend::kDnn, "dnn", "OpenCV dnn", "OpenCV dnn " CV_VERSION, "enable_dnn",
-     &NetworkConfig::enable_dnn, [] { return true; },
+    {Backend::kIe, kInferenceEngine, "Inference Engine (OpenVINO " VELMORA_OPENVINO_VERSION ")",
+     "enable_ie", &NetworkConfig::enable_ie, "ie_cpu_xml_path and ie_cpu_bin_path", CpuPair,
+     Make<IeNetwork>, IeInput, IeReasonOnEachDevice, IeOutputs},
+    {Backend::kTfLite, kTensorFlowLite, "TensorFlow Lite " VELMORA_TENSORFLOW_LITE_VERSION,
+     "enable_tflite", &NetworkConfig::enable_tflite, "tflite_model_path", TfLiteFiles,
+     Make<TfLiteNetwork>, TfLiteInput, TfLiteReason, TfLiteOutputs},
+    {Backend::kDnn, kOpenCv, "OpenCV dnn " CV_VERSION, "enable_dnn", &NetworkConfig::enable_dnn,
      "dnn_binary_path, or dnn_prototxt_path and dnn_caffemodel_path", DnnFiles, Make<DnnNetwork>,
      DnnInput, DnnReason, DnnOutputs}};
 
@@ -132,7 +127,7 @@ Engine Describe(const Kind& kind, const NetworkConfig& config, std::unique_ptr<B
                 std::vector<std::string> reasons) {
   Engine engine;
   engine.backend = kind.backend;
-  engine.id = kind.id;
+  engine.id = kind.info.id;
   engine.name = kind.name_and_version;
   engine.outputs = config.output_names;
   if (kind.backend == Backend::kTfLite) {
@@ -176,7 +171,7 @@ Engine MakeNamed(const Kind& kind, const NetworkConfig& config) {
 
 /// Empty when the factory may take it.
 std::string WhyNot(const Kind& kind, const NetworkConfig& config) {
-  if (!kind.is_supported()) {
+  if (!kind.info.is_supported()) {
     return "this machine does not support it";
   }
   if (kind.files(config).empty()) {
@@ -186,6 +181,14 @@ std::string WhyNot(const Kind& kind, const NetworkConfig& config) {
 }
 
 }  // namespace
+
+std::map<std::string, Backend> BackendsByName() {
+  std::map<std::string, Backend> backends;
+  for (const Kind& kind : kKinds) {
+    backends[kind.info.id] = kind.backend;
+  }
+  return backends;
+}
 
 std::string EngineLines(const Engine& engine) {
   return fmt::format("engine      {}, {}\n{}", engine.name, engine.device(),
@@ -208,7 +211,7 @@ Engine MakeEngine(const NetworkConfig& config, std::optional<Backend> backend) {
       return Describe(kind, config, std::move(network), std::move(reasons));
     }
     with_forms.*kind.enabled = false;
-    reasons.push_back(fmt::format("no {}: {}", kind.name, why_not));
+    reasons.push_back(fmt::format("no {}: {}", kind.info.name, why_not));
   }
   throw std::runtime_error(fmt::format("{}", fmt::join(reasons, "; ")));
 }
@@ -220,13 +223,13 @@ std::vector<Form> ListForms(const NetworkConfig& config,
     if (kind.files(config).empty()) {
       continue;
     }
-    if (!kind.is_supported()) {
-      left_out(fmt::format("{}: this machine does not support it", kind.name));
+    if (!kind.info.is_supported()) {
+      left_out(fmt::format("{}: this machine does not support it", kind.info.name));
       continue;
     }
     NetworkConfig one = config;
     one.ie_gpu_xml_path = one.ie_gpu_bin_path = "";
-    forms.push_back({kind.id, kind.name_and_version, kind.backend, one});
+    forms.push_back({kind.info.id, kind.name_and_version, kind.backend, one});
     if (kind.backend == Backend::kIe && !GpuPair(config).empty()) {
       // This pair whatever the device: the GPU may be in use, or there may be none.
       forms.back().id = "ie-cpu";

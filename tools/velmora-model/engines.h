@@ -5,6 +5,7 @@
 #include <velmora/plugin/network/base_network.h>
 
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -30,6 +31,9 @@ struct Engine {
   ShapeReader output_shapes;
   std::vector<std::string> outputs;  // keys of the network's maps, in the order of output_names
 };
+
+/// The backends by the names that users give them.
+std::map<std::string, Backend> BackendsByName();
 
 /// Which engine, which device and why, for the user to read.
 std::string EngineLines(const Engine& engine);

@@ -10,8 +10,8 @@
 #include <opencv2/dnn.hpp>
 #include <string>
 
-#include "common.h"
 #include "caffe/caffe_model.h"
+#include "common.h"
 #if VELMORA_HAS_INFERENCE_ENGINE
 #include <inference_engine.hpp>
 #endif

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <filesystem>
+#include <memory>
 #include <optional>
 
 #include "commands.h"
@@ -12,6 +13,7 @@
 #include "images.h"
 #include "model.h"
 #include "npy.h"
+#include "options.h"
 #include "output_folder.h"
 
 namespace velmora::tool {
@@ -20,6 +22,20 @@ namespace {
 
 namespace fs = std::filesystem;
 using plugin::network::OutputMap;
+
+constexpr char kHelp[] = R"(For networks whose answer is not one probability for each label, such as
+detectors. Prints of each output the number of values, the least, the mean and
+the greatest of those that are finite, how many are not, and the shape. A saved
+output is FOLDER/IMAGE.OUTPUT.npy, 32-bit floats for NumPy.
+)";
+
+struct OutputsOptions {
+  std::string model;
+  std::vector<std::string> images;
+  std::optional<Backend> backend;  // none for the factory's choice
+  bool json = false;
+  std::string save;  // folder; empty for none
+};
 
 struct Output {
   OutputSummary summary;
@@ -150,6 +166,8 @@ Json::Value ToJson(const OutputSummary& summary) {
   return entry;
 }
 
+namespace {
+
 int Outputs(const OutputsOptions& options) {
   const Model model = LoadModel(options.model, options.backend, Use::kAny);
   const Engine& engine = model.engine;
@@ -219,6 +237,20 @@ int Outputs(const OutputsOptions& options) {
     PrintTable(results);
   }
   return console.any_fault() ? kNotAllDone : kDone;
+}
+
+}  // namespace
+
+void AddOutputs(CLI::App* program, int* status) {
+  const auto options = std::make_shared<OutputsOptions>();
+  CLI::App* const command = AddCommand(
+      program, "outputs", "Show all that a network gives for images",
+      fmt::format("{}\n{}", kHelp, kStatusHelp), status, [options] { return Outputs(*options); });
+  AddModel(command, &options->model);
+  AddImages(command, &options->images);
+  AddBackend(command, &options->backend);
+  AddJson(command, &options->json);
+  AddText(command, "--save", &options->save, "FOLDER", "Write each output there as .npy");
 }
 
 }  // namespace velmora::tool

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <memory>
 #include <numeric>
 #include <optional>
 #include <utility>
@@ -12,10 +13,29 @@
 #include "common.h"
 #include "images.h"
 #include "model.h"
+#include "options.h"
 
 namespace velmora::tool {
 
 namespace {
+
+constexpr char kHelp[] =
+    R"(A FOLDER stands for the image files in it. Without --backend the library chooses
+the engine by what the machine supports, the forms that the model has, and its
+flags; the line "why" says why an engine that comes earlier was passed over.
+velmora-model(1) describes MODEL.json, truth files and annotated images.
+)";
+
+struct RunOptions {
+  std::string model;
+  std::vector<std::string> images;
+  std::optional<Backend> backend;  // none for the factory's choice
+  int top = 1;
+  int batch = 1;
+  bool json = false;
+  std::string annotate;  // folder; empty for none
+  std::string truth;     // file; empty for the truth.csv beside the images
+};
 
 struct Answer {
   std::string label;
@@ -192,8 +212,6 @@ void Annotate(const Result& result, Annotator* annotator, Console* console) {
   }
 }
 
-}  // namespace
-
 int Run(const RunOptions& options) {
   const Model model = LoadModel(options.model, options.backend, Use::kProbabilities);
   Console console;
@@ -267,6 +285,27 @@ int Run(const RunOptions& options) {
     Print(fmt::format("\naccuracy: {} of {} ({:.1f} %)\n", right, known, accuracy * 100));
   }
   return console.any_fault() ? kNotAllDone : kDone;
+}
+
+}  // namespace
+
+void AddRun(CLI::App* program, int* status) {
+  const auto options = std::make_shared<RunOptions>();
+  CLI::App* const command = AddCommand(program, "run", "Recognise images",
+                                       fmt::format("{}\n{}\n{}", kHelp, kExamples, kStatusHelp),
+                                       status, [options] { return Run(*options); });
+  AddModel(command, &options->model);
+  AddImages(command, &options->images);
+  AddBackend(command, &options->backend);
+  AddNumber(command, "--top", &options->top, "K", 1, 1'000'000,
+            "Answers to show for an image, best first [1]");
+  AddNumber(command, "--batch", &options->batch, "N", 1, 4096,
+            "Images given to the network at a time [1]");
+  AddJson(command, &options->json);
+  AddText(command, "--annotate", &options->annotate, "FOLDER",
+          "Write images with their answers there");
+  AddText(command, "--truth", &options->truth, "FILE",
+          "Right labels [truth.csv beside the images]");
 }
 
 }  // namespace velmora::tool

@@ -12,10 +12,11 @@
 #include <stdexcept>
 #include <thread>
 
-#include "commands.h"
+#include "bench.h"
 #include "common.h"
 #include "images.h"
 #include "model.h"
+#include "statistics.h"
 
 namespace velmora::tool {
 
@@ -133,14 +134,12 @@ class Evening {
   Console console_;
 };
 
-double Percentile(const std::vector<Sample>& samples, double percent) {
+double LatencyOf(const Phase& phase, double percent) {
   std::vector<double> latencies;
-  for (const Sample& sample : samples) {
+  for (const Sample& sample : phase.samples) {
     latencies.push_back(sample.milliseconds);
   }
-  std::sort(latencies.begin(), latencies.end());
-  const auto rank = static_cast<std::size_t>(percent / 100 * static_cast<double>(latencies.size()));
-  return latencies[std::min(rank, latencies.size() - 1)];
+  return Percentile(std::move(latencies), percent);
 }
 
 std::string DevicesOf(const Phase& phase) {
@@ -172,7 +171,7 @@ Json::Value ToJson(const Evening& evening, const Model& model) {
     entry["devices"] = DevicesOf(phase);
     for (const int percent : {50, 90, 99, 100}) {
       entry["latency_ms"][percent == 100 ? "max" : fmt::format("p{}", percent)] =
-          Percentile(phase.samples, percent);
+          LatencyOf(phase, percent);
     }
     for (const Sample& sample : phase.samples) {
       Json::Value& point = entry["requests"].append(Json::objectValue);
@@ -189,9 +188,8 @@ void PrintTable(const Evening& evening) {
                     "requests", "p50 (ms)", "p90", "p99", "max"));
   for (const Phase& phase : evening.phases()) {
     Print(fmt::format("{:<12}  {:<14}  {:>8}  {:>8.3f}  {:>8.3f}  {:>8.3f}  {:>8.3f}\n", phase.name,
-                      DevicesOf(phase), phase.samples.size(), Percentile(phase.samples, 50),
-                      Percentile(phase.samples, 90), Percentile(phase.samples, 99),
-                      Percentile(phase.samples, 100)));
+                      DevicesOf(phase), phase.samples.size(), LatencyOf(phase, 50),
+                      LatencyOf(phase, 90), LatencyOf(phase, 99), LatencyOf(phase, 100)));
   }
   Print("\n");
   for (const Switch& change : evening.switches()) {
@@ -206,8 +204,6 @@ void PrintTable(const Evening& evening) {
 int BenchTranscode(const BenchOptions& options) {
   const Model model = LoadModel(options.model, options.backend);
   Console console;
-  cv::Mat noise(model.size, model.channels == Channels::kGray ? CV_8UC1 : CV_8UC3);
-  cv::RNG(1).fill(noise, cv::RNG::UNIFORM, 0, 256);
   const bool may_move = model.engine.network->ShouldExitAfterShutdown();
   if (!may_move) {
     console.Say("no GPU for this network here: the evening is played on the CPU");
@@ -215,7 +211,7 @@ int BenchTranscode(const BenchOptions& options) {
 
   const std::chrono::seconds length(options.transcode);
   const auto for_length = [length](Clock::duration played) { return played >= length; };
-  Evening evening(model, Prepare(noise, model),
+  Evening evening(model, Prepare(MadeUpImage(model), model),
                   static_cast<std::size_t>((3 * length + kQuietMinute) / kInterval));
   evening.Play("before", for_length);
   {

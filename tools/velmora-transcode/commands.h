@@ -24,8 +24,16 @@ int Remove(const Options& options);
 int RunCommand(const Options& options);
 int Status(const Options& options);
 
-/// The entries of the record for the user: what the record says of each, and its program.
-Json::Value ListEntries(const Json::Value& entries);
-void PrintEntries(const Json::Value& list);
+/// An entry of the record.
+struct Entry {
+  int pid = 0;
+  std::string program;  // empty when it has just ended
+  bool hardware = false;
+  bool offline = false;
+};
+
+std::vector<Entry> ListEntries(const Json::Value& record);
+Json::Value ToJson(const std::vector<Entry>& entries);
+void PrintTable(const std::vector<Entry>& entries);
 
 }  // namespace velmora::tool

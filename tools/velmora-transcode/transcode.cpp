@@ -49,44 +49,52 @@ bool IsRegistered(int pid) {
 
 }  // namespace
 
-Json::Value ListEntries(const Json::Value& entries) {
-  Json::Value list(Json::arrayValue);
-  for (const Json::Value& entry : entries) {
+std::vector<Entry> ListEntries(const Json::Value& record) {
+  std::vector<Entry> entries;
+  for (const Json::Value& entry : record) {
     const int pid = entry["PID"].asInt();
+    entries.push_back({pid, CommandOf(pid), IsTrue(entry, "hardware_transcode"),
+                       IsTrue(entry, "offline_conversion")});
+  }
+  return entries;
+}
+
+Json::Value ToJson(const std::vector<Entry>& entries) {
+  Json::Value list(Json::arrayValue);
+  for (const Entry& entry : entries) {
     Json::Value& item = list.append(Json::objectValue);
-    item["pid"] = pid;
-    item["command"] = JsonText(CommandOf(pid));
-    item["hardware"] = IsTrue(entry, "hardware_transcode");
-    item["offline"] = IsTrue(entry, "offline_conversion");
+    item["pid"] = entry.pid;
+    item["command"] = JsonText(entry.program);
+    item["hardware"] = entry.hardware;
+    item["offline"] = entry.offline;
   }
   return list;
 }
 
-void PrintEntries(const Json::Value& list) {
-  if (list.empty()) {
+void PrintTable(const std::vector<Entry>& entries) {
+  if (entries.empty()) {
     Print("nothing is transcoding\n");
     return;
   }
   Print(fmt::format("{:>10}  {:<8}  {:<7}  {}\n", "PID", "uses", "offline", "program"));
-  for (const Json::Value& item : list) {
-    Print(fmt::format("{:>10}  {:<8}  {:<7}  {}\n", item["pid"].asInt(),
-                      item["hardware"].asBool() ? "hardware" : "software",
-                      item["offline"].asBool() ? "yes" : "no",
-                      OneLine(item["command"].asString())));
+  for (const Entry& entry : entries) {
+    Print(fmt::format("{:>10}  {:<8}  {:<7}  {}\n", entry.pid,
+                      entry.hardware ? "hardware" : "software", entry.offline ? "yes" : "no",
+                      OneLine(entry.program)));
   }
 }
 
 int List(const Options& options) {
-  Json::Value list;
+  std::vector<Entry> entries;
   {
     const TransLoading record;
     CheckLocked(record);
-    list = ListEntries(record.GetEntries());
+    entries = ListEntries(record.GetEntries());
   }
   if (options.json) {
-    PrintJson(list);
+    PrintJson(ToJson(entries));
   } else {
-    PrintEntries(list);
+    PrintTable(entries);
   }
   return kDone;
 }

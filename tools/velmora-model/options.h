@@ -1,0 +1,49 @@
+// What the options and the help of several commands have in common.
+#pragma once
+
+#include <functional>
+#include <initializer_list>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "engines.h"
+
+namespace CLI {
+class App;
+class Option;
+}  // namespace CLI
+
+namespace velmora::tool {
+
+inline constexpr char kStatusHelp[] = R"(Exit status:
+  0  all was done
+  1  something could not be done, as standard error says; the rest was
+  2  wrong usage
+  3  the model could not be loaded)";
+
+inline constexpr char kExamples[] = R"(Examples:
+  velmora-model run digits/model.json digits/images
+  velmora-model run --json --top 3 digits/model.json a.png b.jpg > answers.json
+  velmora-model run --annotate answers --batch 8 digits/model.json digits/images
+)";
+
+/// A command that sets the exit status to what `run` returns. An empty `about` hides it.
+CLI::App* AddCommand(CLI::App* program, const char* name, const char* about,
+                     const std::string& help, int* status, std::function<int()> run);
+
+void AddModel(CLI::App* command, std::string* path);
+CLI::Option* AddImages(CLI::App* command, std::vector<std::string>* paths, bool required = true);
+void AddBackend(CLI::App* command, std::optional<Backend>* backend);
+void AddJson(CLI::App* command, bool* json);
+
+/// An option, or an argument when its name has no "--".
+CLI::Option* AddText(CLI::App* command, const char* name, std::string* value, const char* type,
+                     const char* help);
+CLI::Option* AddNumber(CLI::App* command, const char* name, int* value, const char* type, int least,
+                       int most, const char* help);
+
+/// It is wrong usage to give one of the others too.
+void Exclude(CLI::Option* option, std::initializer_list<CLI::Option*> others);
+
+}  // namespace velmora::tool
