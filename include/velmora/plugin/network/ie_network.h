@@ -61,11 +61,11 @@ class VELMORA_EXPORT IeNetwork : public BaseNetwork {
   const std::string& GetDevice() const { return device_; }
 
  private:
-  void Initialize();
-  void SwitchDeviceIfNeeded();
-  void SetInputData(const std::vector<cv::Mat>& images);
-  std::vector<float> GetOutputData(const std::string& name);
-  OutputMap ReadOutputs();
+  VELMORA_LOCAL void Initialize();
+  VELMORA_LOCAL void SwitchDeviceIfNeeded();
+  VELMORA_LOCAL void SetInputData(const std::vector<cv::Mat>& images);
+  VELMORA_LOCAL std::vector<float> GetOutputData(const std::string& name);
+  VELMORA_LOCAL OutputMap ReadOutputs();
 
   std::string device_;
 
