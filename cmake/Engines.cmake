@@ -5,13 +5,13 @@ find_package(OpenCV REQUIRED COMPONENTS core dnn)
 if(OpenCV_VERSION VERSION_LESS 3.2)
   message(FATAL_ERROR "OpenCV 3.2 or later is needed, found ${OpenCV_VERSION}")
 elseif(OpenCV_VERSION VERSION_LESS 3.3)
-  set(VELMORA_OPENCV_BRIDGE native)
+  set(VELMORA_OPENCV_API native)
 elseif(OpenCV_VERSION VERSION_GREATER_EQUAL 5)
   message(FATAL_ERROR "OpenCV 5 reads no Caffe models; 3.2 to 4.x is needed, found ${OpenCV_VERSION}")
 else()
-  set(VELMORA_OPENCV_BRIDGE bridge)
+  set(VELMORA_OPENCV_API bridge)
 endif()
-message(STATUS "OpenCV ${OpenCV_VERSION}: dnn API ${VELMORA_OPENCV_BRIDGE}")
+message(STATUS "OpenCV ${OpenCV_VERSION}: dnn API ${VELMORA_OPENCV_API}")
 
 # The Inference Engine. One that the user names, on the command line or else in the environment, is
 # taken or is an error. Without a name: one of 2021 that the machine has, then an OpenVINO, then the
@@ -20,16 +20,16 @@ option(VELMORA_INFERENCE_ENGINE "Build the Inference Engine (OpenVINO) backend" 
 set(InferenceEngine_INCLUDE_DIR "" CACHE PATH
   "The folder of inference_engine.hpp, of an Inference Engine without a CMake package")
 set(InferenceEngine_LIBRARY_DIR "" CACHE PATH "The folder of its libraries")
-set(VELMORA_OPENVINO_BRIDGE missing)
+set(VELMORA_OPENVINO_API missing)
 if(VELMORA_INFERENCE_ENGINE)
   include(${CMAKE_CURRENT_LIST_DIR}/InferenceEngine.cmake)
-  message(STATUS "OpenVINO ${OpenVINO_VERSION}: Inference Engine API ${VELMORA_OPENVINO_BRIDGE}")
+  message(STATUS "OpenVINO ${OpenVINO_VERSION}: Inference Engine API ${VELMORA_OPENVINO_API}")
 endif()
 
 # TensorFlow Lite: its C++ headers and library where they are (whose own CMake package is broken in
 # Debian), else the C library that scripts/setup brings.
 option(VELMORA_TENSORFLOW_LITE "Build the TensorFlow Lite backend" ON)
-set(VELMORA_TENSORFLOW_LITE_BRIDGE missing)
+set(VELMORA_TENSORFLOW_LITE_API missing)
 if(VELMORA_TENSORFLOW_LITE)
   add_library(velmora-tensorflow-lite SHARED IMPORTED)
   # Named by the user or looked for anew: an answer of an earlier configuration is not kept.
@@ -45,12 +45,12 @@ if(VELMORA_TENSORFLOW_LITE)
   find_library(TensorFlowLite_C_LIBRARY jnitensorflowlite
     PATHS ${PROJECT_SOURCE_DIR}/.deps/tensorflow-lite NO_CACHE)
   if(TensorFlowLite_INCLUDE_DIR AND TensorFlowLite_LIBRARY)
-    set(VELMORA_TENSORFLOW_LITE_BRIDGE native)
+    set(VELMORA_TENSORFLOW_LITE_API native)
     set_target_properties(velmora-tensorflow-lite PROPERTIES
       IMPORTED_LOCATION ${TensorFlowLite_LIBRARY}
       INTERFACE_INCLUDE_DIRECTORIES ${TensorFlowLite_INCLUDE_DIR})
   elseif(TensorFlowLite_C_LIBRARY)
-    set(VELMORA_TENSORFLOW_LITE_BRIDGE bridge)
+    set(VELMORA_TENSORFLOW_LITE_API bridge)
     set_target_properties(velmora-tensorflow-lite PROPERTIES
       IMPORTED_LOCATION ${TensorFlowLite_C_LIBRARY} IMPORTED_NO_SONAME ON)
   else()
@@ -60,7 +60,7 @@ if(VELMORA_TENSORFLOW_LITE)
   # Asked of the library: nothing beside it tells. What the bridge uses must be there, too; the library
   # may be another one than that of scripts/setup, which has XNNPACK.
   set(used "")
-  if(VELMORA_TENSORFLOW_LITE_BRIDGE STREQUAL "bridge")
+  if(VELMORA_TENSORFLOW_LITE_API STREQUAL "bridge")
     set(used "#include \"${PROJECT_SOURCE_DIR}/compat/tensorflow_lite/c_api.h\"
       auto* add = TfLiteInterpreterOptionsAddDelegate;
       auto* create = TfLiteXNNPackDelegateCreate;
@@ -79,5 +79,5 @@ if(VELMORA_TENSORFLOW_LITE)
     message(FATAL_ERROR "${TensorFlowLite_LIBRARY} ${TensorFlowLite_C_LIBRARY} lacks what is used of "
       "TensorFlow Lite:\n${errors}")
   endif()
-  message(STATUS "TensorFlow Lite ${TensorFlowLite_VERSION}: C++ API ${VELMORA_TENSORFLOW_LITE_BRIDGE}")
+  message(STATUS "TensorFlow Lite ${TensorFlowLite_VERSION}: C++ API ${VELMORA_TENSORFLOW_LITE_API}")
 endif()

@@ -1,4 +1,4 @@
-# Finds the Inference Engine: the target velmora-inference-engine, VELMORA_OPENVINO_BRIDGE ("native"
+# Finds the Inference Engine: the target velmora-inference-engine, VELMORA_OPENVINO_API ("native"
 # where its headers are those of 2021, else "bridge"), and OpenVINO_VERSION.
 
 # An answer that find_package() left in the cache is looked for anew; what else is there, the user named.
@@ -88,9 +88,9 @@ check_include_file_cxx(inference_engine.hpp VELMORA_HAS_NATIVE_INFERENCE_ENGINE)
 unset(CMAKE_REQUIRED_LIBRARIES)
 unset(CMAKE_REQUIRED_QUIET)
 if(VELMORA_HAS_NATIVE_INFERENCE_ENGINE)
-  set(VELMORA_OPENVINO_BRIDGE native)
+  set(VELMORA_OPENVINO_API native)
 elseif(OpenVINO_FOUND)
-  set(VELMORA_OPENVINO_BRIDGE bridge)
+  set(VELMORA_OPENVINO_API bridge)
 else()
   message(FATAL_ERROR "${named} ${folders} ${InferenceEngine_DIR}: nothing can be compiled and linked "
     "with this Inference Engine")
