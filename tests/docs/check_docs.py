@@ -64,5 +64,17 @@ for document in [*SOURCE.glob("*.md"), *SOURCE.glob("docs/*.md"), *SOURCE.glob("
                for link in re.findall(r"\]\(([^)#:]+)[)#]", document.read_text())
                if not (document.parent / link).exists()]
 
+# The table of folders: which others the sources of each may include.
+rooms = {folder: re.findall(r"`(\S+)`", may) for folder, may in re.findall(
+    r"^\| `(\S+)` \|.*\| (.*)\|$", (SOURCE / "docs/architecture.md").read_text(), re.M)}
+for room, may in rooms.items():
+    for source in (file for file in (SOURCE / room).rglob("*") if file.suffix in (".cpp", ".h", ".hpp")):
+        for name in re.findall(r'^#include ["<]((?:\w|[-/.])+)[">]', source.read_text(), re.M):
+            found = [source.parent, *(SOURCE / root for root in (
+                "include", "src", "guards", "compat", "compat/protobuf", "appliance", "tools"))]
+            file = next((root / name for root in found if (root / name).exists()), None)
+            if file and not any(f"{file.relative_to(SOURCE)}".startswith(folder) for folder in (room, *may)):
+                faults.append(f"docs/architecture.md: {source.relative_to(SOURCE)} may not include {name}")
+
 print("\n".join(faults) or "the documents say what the programs say and the library writes")
 sys.exit(1 if faults else 0)
