@@ -81,7 +81,7 @@ foreach(package IN ITEMS
   string(REPLACE ":" ";" package ${package})
   list(GET package 0 component)
   list(GET package 1 name)
-  install(FILES docs/copyright DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${name}
+  install(FILES packaging/copyright DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${name}
     COMPONENT ${component})
 endforeach()
 
