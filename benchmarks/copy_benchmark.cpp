@@ -2,7 +2,6 @@
 // cv::split. All sides run in turn in one loop.
 #include <benchmark/benchmark.h>
 
-#include <cstdio>
 #include <cstring>
 #include <opencv2/core.hpp>
 #include <vector>
@@ -50,11 +49,3 @@ void Copy(benchmark::State& state) {
 BENCHMARK(Copy)->ArgsProduct({{224, 448, 1024}, {1, 3, 4}})->UseManualTime()->MinTime(0.2);
 
 }  // namespace
-
-int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-#ifndef __OPTIMIZE__
-  std::fputs("warning: not an optimised build, the figures mean nothing\n", stderr);
-#endif
-  benchmark::RunSpecifiedBenchmarks();
-}

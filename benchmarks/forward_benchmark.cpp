@@ -53,9 +53,6 @@ void Forward(benchmark::State& state, Side* library, Side* by_hand) {
 
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
-#ifndef __OPTIMIZE__
-  std::fputs("warning: not an optimised build, the figures mean nothing\n", stderr);
-#endif
   if (argc < 6) {
     std::fputs(
         "usage: forward-benchmark LIBRARY.so BY_HAND.so NAME WIDTH HEIGHT [BATCH [DEVICE]]\n",

@@ -12,16 +12,11 @@
 #include <cstdio>
 #include <fstream>
 #include <set>
-#include <sstream>
 #include <string>
 
 #include "side.h"
 
 namespace {
-
-std::size_t Field(const std::string& line, const std::string& name) {
-  return line.starts_with(name) ? std::stoul(line.substr(name.size())) : 0;
-}
 
 /// Runs the step and tells what it took and what the process is afterwards.
 template <typename Work>
@@ -31,32 +26,20 @@ void Step(const char* name, Work work) {
   const std::chrono::duration<double, std::milli> taken = std::chrono::steady_clock::now() - start;
   malloc_trim(0);  // what has been freed counts for nobody
   std::size_t rss = 0;
-  std::size_t pss = 0;
   std::ifstream rollup("/proc/self/smaps_rollup");
   for (std::string line; std::getline(rollup, line);) {
-    rss += Field(line, "Rss:");
-    pss += Field(line, "Pss:");
+    rss = line.starts_with("Rss:") ? std::stoul(line.substr(4)) : rss;
   }
   std::set<std::string> libraries;
-  std::size_t own = 0;
-  bool in_own = false;
-  std::ifstream maps("/proc/self/smaps");
+  std::ifstream maps("/proc/self/maps");
   for (std::string line; std::getline(maps, line);) {
-    if (const std::size_t path = line.find('/'); path != std::string::npos) {
-      if (line.find(".so", path) != std::string::npos) {
-        libraries.insert(line.substr(path));
-      }
-    }
-    if (line.find('-') < line.find(' ')) {  // the first line of a mapping
-      in_own = line.find("/libvelmora-plugin-model.so") != std::string::npos;
-    } else if (in_own) {
-      own += Field(line, "Rss:");
+    if (const std::size_t path = line.find('/');
+        path != std::string::npos && line.find(".so", path) != std::string::npos) {
+      libraries.insert(line.substr(path));
     }
   }
-  std::printf(
-      "{\"step\": \"%s\", \"ms\": %.3f, \"rss_kib\": %zu, \"pss_kib\": %zu, "
-      "\"own_mappings_kib\": %zu, \"libraries\": %zu}\n",
-      name, taken.count(), rss, pss, own, libraries.size());
+  std::printf("{\"step\": \"%s\", \"ms\": %.3f, \"rss_kib\": %zu, \"libraries\": %zu}\n", name,
+              taken.count(), rss, libraries.size());
 }
 
 int Fail(const char* what) {

@@ -1,6 +1,7 @@
 // What one transaction on the transcoding record costs beside its parts: the same system calls made
-// bare, and JsonCpp's work on the same bytes. Everything is measured in one run, in an empty /tmp
-// of the benchmark's own, alone and with eight processes contending for the record.
+// bare, and JsonCpp's work on the same bytes. Everything is measured in one run, alone and with
+// eight processes contending. It replaces the machine's record: benchmarks/run gives it one of its
+// own.
 //
 // Alone, a transaction is compared with the sum of the two parts. Under contention a sum says
 // nothing, because the parts have to wait for each other: there it is compared with the same calls
@@ -9,11 +10,8 @@
 #include <fcntl.h>
 #include <json/json.h>
 #include <reelhouse/trans_loading.h>
-#include <sched.h>
-#include <signal.h>
 #include <sys/file.h>
 #include <sys/mman.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -25,7 +23,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
-#include <map>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -34,10 +31,10 @@
 
 namespace {
 
-constexpr char directory[] = "/tmp/Reelhouse";
-constexpr char record[] = "/tmp/Reelhouse/enabled";
-constexpr int processes = 8;
-constexpr int transactions = 200;  // of each process, when they contend
+constexpr char kFolder[] = "/tmp/Reelhouse";
+constexpr char kRecord[] = "/tmp/Reelhouse/enabled";
+constexpr int kProcesses = 8;
+constexpr int kTransactions = 200;  // of each process, when they contend
 
 void Require(bool done, const char* what) {
   if (!done) {
@@ -49,7 +46,7 @@ void Require(bool done, const char* what) {
 /// The record with that many entries, all of this process, which outlives the measurement.
 std::string MakeRecord(std::int64_t entries) {
   static const int self = getpid();
-  unlink(record);
+  unlink(kRecord);
   {
     LibReelhouse::TransLoading transaction;
     for (std::int64_t i = 0; i < entries; ++i) {
@@ -57,8 +54,8 @@ std::string MakeRecord(std::int64_t entries) {
     }
   }
   std::ostringstream text;
-  text << std::ifstream(record).rdbuf();
-  Require(!text.str().empty(), record);
+  text << std::ifstream(kRecord).rdbuf();
+  Require(!text.str().empty(), kRecord);
   return text.str();
 }
 
@@ -77,7 +74,7 @@ std::string ParseAndWrite(const std::string& text) {
 }
 
 int Open(int flags, mode_t mode) {
-  const int fd = open(record, flags | O_NONBLOCK | O_CLOEXEC, mode);
+  const int fd = open(kRecord, flags | O_NONBLOCK | O_CLOEXEC, mode);
   struct stat status;
   fstat(fd, &status);
   return fd;
@@ -88,10 +85,10 @@ void SystemCalls(const std::string& text, std::int64_t entries, bool with_json) 
   static const int self = getpid();
   static std::array<char, 1 << 16> buffer;
   struct stat status;
-  stat(directory, &status);
+  stat(kFolder, &status);
   const int lock = Open(O_RDONLY | O_CREAT, 0644);
   flock(lock, LOCK_EX);
-  stat(record, &status);
+  stat(kRecord, &status);
   int file = Open(O_RDONLY, 0);
   std::size_t length = 0;
   for (ssize_t size = 0; (size = read(file, buffer.data() + length, 4096)) > 0;) {
@@ -109,7 +106,7 @@ void SystemCalls(const std::string& text, std::int64_t entries, bool with_json) 
     benchmark::DoNotOptimize(write(file, text.data(), text.size()));
   }
   close(file);
-  chmod(record, 0666);
+  chmod(kRecord, 0666);
   flock(lock, LOCK_UN);
   close(lock);
 }
@@ -145,14 +142,14 @@ void Contend(benchmark::State& state, Work work) {
   for (auto _ : state) {
     *start = false;
     std::vector<pid_t> children;
-    for (int i = 0; i < processes; ++i) {
+    for (int i = 0; i < kProcesses; ++i) {
       const pid_t child = fork();
       if (child == 0) {
         work();  // touches everything once
         while (!*start) {
           usleep(100);
         }
-        for (int n = 0; n < transactions; ++n) {
+        for (int n = 0; n < kTransactions; ++n) {
           work();
         }
         _exit(0);
@@ -167,7 +164,7 @@ void Contend(benchmark::State& state, Work work) {
       Require(waitpid(child, &status, 0) == child && status == 0, "child");
     }
     const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - before;
-    state.SetIterationTime(taken.count() / (processes * transactions));
+    state.SetIterationTime(taken.count() / (kProcesses * kTransactions));
   }
   munmap(start, sizeof *start);
 }
@@ -206,61 +203,4 @@ BENCHMARK(BM_Transaction)->Apply(Sizes);
 BENCHMARK(BM_ContendedCallsWithJson)->Apply(Contended);
 BENCHMARK(BM_ContendedTransaction)->Apply(Contended);
 
-/// Keeps the best, and ends with the ratios.
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    for (const Run& run : runs) {
-      if (run.aggregate_name == "best") {
-        times[run.run_name.args][run.run_name.function_name] = run.GetAdjustedRealTime();
-      }
-    }
-    ConsoleReporter::ReportRuns(runs);
-  }
-
-  void Finalize() override {
-    std::printf("\nbest of 25, in microseconds\n%8s %8s %8s %12s %8s | %10s %12s %8s\n", "entries",
-                "calls", "JSON", "transaction", "ratio", "contended", "transaction", "ratio");
-    for (const char* const entries : {"0", "1", "10", "100"}) {
-      auto& of = times[entries];
-      const double parts = of["BM_Calls"] + of["BM_Json"];
-      std::printf("%8s %8.2f %8.2f %12.2f %8.3f | %10.2f %12.2f %8.3f\n", entries, of["BM_Calls"],
-                  of["BM_Json"], of["BM_Transaction"], of["BM_Transaction"] / parts,
-                  of["BM_ContendedCallsWithJson"], of["BM_ContendedTransaction"],
-                  of["BM_ContendedTransaction"] / of["BM_ContendedCallsWithJson"]);
-    }
-  }
-
- private:
-  std::map<std::string, std::map<std::string, double>> times;
-};
-
 }  // namespace
-
-int main(int argc, char** argv) {
-#ifndef __OPTIMIZE__
-  std::fputs("***WARNING*** built without optimisation: the figures say nothing\n", stderr);
-#endif
-  const std::string user = std::to_string(geteuid());
-  const std::string group = std::to_string(getegid());
-  if (unshare(CLONE_NEWNS) != 0) {
-    Require(unshare(CLONE_NEWUSER | CLONE_NEWNS) == 0, "a mount namespace of its own");
-    std::ofstream("/proc/self/setgroups") << "deny";
-    std::ofstream("/proc/self/uid_map") << "0 " + user + " 1";
-    std::ofstream("/proc/self/gid_map") << "0 " + group + " 1";
-  }
-  Require(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "private mounts");
-  Require(mount("none", "/tmp", "tmpfs", 0, nullptr) == 0, "/tmp");
-
-  std::vector<char*> arguments(argv, argv + argc);
-  std::string defaults[] = {"--benchmark_enable_random_interleaving=true",
-                            "--benchmark_min_time=0.02"};
-  for (std::string& argument : defaults) {
-    arguments.insert(arguments.begin() + 1, argument.data());
-  }
-  int count = static_cast<int>(arguments.size());
-  benchmark::Initialize(&count, arguments.data());
-  RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  return 0;
-}
