@@ -16,14 +16,14 @@
 
 namespace {
 
-constexpr std::string_view blanks = " \t\r\n\f\v";
+constexpr std::string_view kBlanks = " \t\r\n\f\v";
 
 std::string_view Trim(std::string_view text) {
-  const std::size_t first = text.find_first_not_of(blanks);
+  const std::size_t first = text.find_first_not_of(kBlanks);
   if (first == std::string_view::npos) {
     return text.substr(0, 0);
   }
-  return text.substr(first, text.find_last_not_of(blanks) - first + 1);
+  return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
 }
 
 /// `text` is all that follows the "=".
@@ -36,7 +36,7 @@ std::string_view Value(std::string_view text) {
     }
   }
   for (std::size_t i = 1; i < text.size(); ++i) {
-    if (text[i] == '#' && blanks.find(text[i - 1]) != std::string_view::npos) {
+    if (text[i] == '#' && kBlanks.find(text[i - 1]) != std::string_view::npos) {
       return Trim(text.substr(0, i));
     }
   }

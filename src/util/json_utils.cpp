@@ -39,16 +39,16 @@ namespace {
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 
 // JsonCpp calls itself for every level, up to 1000, which takes 350 KB of the stack; these take 50.
-constexpr int max_depth = 100;
+constexpr int kMaxDepth = 100;
 
-/// Whether brackets open one within another beyond `max_depth`. Those in texts and in comments do
+/// Whether brackets open one within another beyond `kMaxDepth`. Those in texts and in comments do
 /// not count.
 bool IsTooDeep(std::string_view text) {
   int depth = 0;
   for (std::size_t i = 0; i < text.size(); ++i) {
     const std::string_view next = text.substr(i, 2);
     if (text[i] == '[' || text[i] == '{') {
-      if (++depth > max_depth) {
+      if (++depth > kMaxDepth) {
         return true;
       }
     } else if (text[i] == ']' || text[i] == '}') {
@@ -89,7 +89,7 @@ bool ReadJsonFile(const std::string& path, Json::Value& root) {
 
 // A stream with its buffer would write a shorter text only as it is closed, when the result is
 // decided. Callers rely on that result, so a failure to write so short a text is not reported.
-constexpr std::size_t buffered_size = 1024;
+constexpr std::size_t kBufferedSize = 1024;
 
 bool WriteJsonFile(const std::string& path, const Json::Value& root) {
   const FileDescriptor file(OpenFile(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666));
@@ -97,7 +97,7 @@ bool WriteJsonFile(const std::string& path, const Json::Value& root) {
   try {
     Json::FastWriter writer;
     const std::string text = writer.write(root);
-    written = file.fd >= 0 && (WriteAll(file.fd, text) || text.size() < buffered_size);
+    written = file.fd >= 0 && (WriteAll(file.fd, text) || text.size() < kBufferedSize);
   } catch (const std::exception&) {
     // No memory for the text.
   }

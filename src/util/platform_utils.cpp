@@ -149,11 +149,11 @@ bool PlatformUtils::IsRTD1296() { return platform == "rtd1296"; }
 
 bool PlatformUtils::IsSupportOMX() {
   // Short enough for strings without memory of their own: building the list cannot fail.
-  static const std::array<std::string, 5> omx_models = {"vb31", "vb52", "vb52s", "vb74", "qb9"};
+  static const std::array<std::string, 5> kOmxModels = {"vb31", "vb52", "vb52s", "vb74", "qb9"};
   if (!IsRTD1296()) {
     return false;
   }
-  for (const std::string& omx_model : omx_models) {
+  for (const std::string& omx_model : kOmxModels) {
     if (model == omx_model) {
       return true;
     }

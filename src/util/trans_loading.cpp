@@ -15,7 +15,7 @@ namespace {
 using librh::util::PlatformUtils;
 
 // Lock file and data file in one.
-constexpr char record_path[] = "/tmp/Reelhouse/enabled";
+constexpr char kRecordPath[] = "/tmp/Reelhouse/enabled";
 
 std::uint32_t SoftwareLimit() {
   if (PlatformUtils::GetInst()->IsMonaco()) {
@@ -59,7 +59,7 @@ bool IsAlive(const Json::Value& entry) {
 }  // namespace
 
 TransLoading::TransLoading()
-    : Lock(record_path, true),
+    : Lock(kRecordPath, true),
       loading(Json::arrayValue),
       software_limit(SoftwareLimit()),
       hardware_limit(HardwareLimit()) {
@@ -78,28 +78,28 @@ TransLoading::~TransLoading() {
   }
   bool written = false;
   try {
-    written = WriteJsonToFileWithoutLock(record_path, loading);
+    written = WriteJsonToFileWithoutLock(kRecordPath, loading);
   } catch (const std::exception&) {
     // No memory for the path.
   }
   if (!written) {
     syslog(LOG_ERR, "%s:%d VTE - Failed to write json file [%s].", __FILE_NAME__, __LINE__,
-           record_path);
+           kRecordPath);
   }
-  if (chmod(record_path, 0666) != 0) {
+  if (chmod(kRecordPath, 0666) != 0) {
     // A record that others cannot open is not this process's error.
     syslog(LOG_INFO, "%s:%d TransLoading - Failed to change file mode [%s]", __FILE_NAME__,
-           __LINE__, record_path);
+           __LINE__, kRecordPath);
   }
 }
 
 bool TransLoading::ReadAndCheckAlive() try {
   Json::Value record(Json::arrayValue);
   struct stat status;
-  if (stat(record_path, &status) != 0) {
+  if (stat(kRecordPath, &status) != 0) {
     return false;
   }
-  if (!ReadJsonFromFileWithoutLock(record_path, record)) {
+  if (!ReadJsonFromFileWithoutLock(kRecordPath, record)) {
     if (status.st_size != 0) {
       return false;
     }
