@@ -48,7 +48,7 @@ TEST_F(VelmoraModelTest, BadInputIsOneLine) {
       {2, {"run", kModel, kGood, "--top", "0"}, "--top"},
       {2, {"bench", kModel, "--transcode", "1", "--batch", "2"}, "--batch"},
       {3, {"bench", "gone.json"}, "gone.json: No such file"},
-      {3, {"bench", Write("a.json", "{\n \"name\": \n")}, "a.json: is not JSON: Line 3"},
+      {3, {"bench", Write("a.json", "{\n \"name\": \n")}, "a.json: is not valid JSON: Line 3"},
       {3, load("\"mean", "\"maen"), "image.maen: unknown key"},
       {3, load("\"mean", R"("fit": "box", "mean)"),
        R"(image.fit: expected "stretch" or "crop" or "letterbox")"},

@@ -56,7 +56,7 @@ class Values {
   std::vector<bool> is_made_;
 };
 
-Fault LookAtStep(const Step& step, Values& values) {
+Reason LookAtStep(const Step& step, Values& values) {
   const Indices& inputs = step.inputs();
   for (flatbuffers::uoffset_t i = 0; i < inputs.size(); ++i) {
     // RESHAPE takes a tensor of any but one dimension for none, and another way to the shape.
@@ -72,11 +72,11 @@ Fault LookAtStep(const Step& step, Values& values) {
     }
     values.Make(output);
   }
-  Fault fault = LookAtOperator(step);
-  return fault.empty() ? LookAtSizes(step) : fault;
+  Reason reason = LookAtOperator(step);
+  return reason.empty() ? LookAtSizes(step) : reason;
 }
 
-Fault LookAtGraph(const format::Model& model, const format::SubGraph& graph, bool is_main) {
+Reason LookAtGraph(const format::Model& model, const format::SubGraph& graph, bool is_main) {
   Values values(model, graph);
   const Indices& inputs = OrEmpty(graph.inputs());
   if (is_main && inputs.size() != 0 && values.IsMade(inputs[0])) {
@@ -92,9 +92,9 @@ Fault LookAtGraph(const format::Model& model, const format::SubGraph& graph, boo
   const auto& steps = OrEmpty(graph.operators());
   for (flatbuffers::uoffset_t i = 0; i < steps.size(); ++i) {
     const Step step(model, graph, *steps[i]);
-    const Fault fault = LookAtStep(step, values);
-    if (!fault.empty()) {
-      return fmt::format("operator {} ({}): {}", i, step.Name(), fault);
+    const Reason reason = LookAtStep(step, values);
+    if (!reason.empty()) {
+      return fmt::format("operator {} ({}): {}", i, step.Name(), reason);
     }
   }
   return {};
@@ -155,11 +155,11 @@ std::string RefusalOfGraphs(const char* data) {
   const auto& graphs = *model.subgraphs();
   std::vector<int> depths(graphs.size());
   for (flatbuffers::uoffset_t i = 0; i < graphs.size(); ++i) {
-    const Fault fault = i == 0 && DepthOf(model, 0, 0, depths) > kDeepest
+    const Reason reason = i == 0 && DepthOf(model, 0, 0, depths) > kDeepest
                             ? fmt::format("graphs in it run each other more than {} deep", kDeepest)
                             : LookAtGraph(model, *graphs[i], i == 0);
-    if (!fault.empty()) {
-      return fmt::format("graph {}, {}", i, fault);
+    if (!reason.empty()) {
+      return fmt::format("graph {}, {}", i, reason);
     }
   }
   return {};

@@ -63,7 +63,7 @@ bool IsOptional(BuiltinOperator code, flatbuffers::uoffset_t input) {
   }
 }
 
-Fault LookAtTensors(const Step& step) {
+Reason LookAtTensors(const Step& step) {
   const auto [inputs, outputs] = LeastOf(step.code());
   if (step.inputs().size() < inputs) {
     return fmt::format("it has {} of {} inputs", step.inputs().size(), inputs);
@@ -82,7 +82,7 @@ Fault LookAtTensors(const Step& step) {
 }
 
 /// Operators that divide by the scales of integers that stand for other numbers.
-Fault LookAtScales(const Step& step) {
+Reason LookAtScales(const Step& step) {
   bool has_plain = false;  // whether 16 bits may stand for themselves
   switch (step.code()) {
     case BuiltinOperator::ADD:
@@ -122,7 +122,7 @@ Fault LookAtScales(const Step& step) {
 }
 
 /// A convolution's padding, and its strides and dilations, for which the engine has 16 bits.
-Fault LookAtConvolution(const Step& step, format::Padding padding,
+Reason LookAtConvolution(const Step& step, format::Padding padding,
                         std::initializer_list<std::int32_t> steps) {
   if (padding != format::Padding::SAME && padding != format::Padding::VALID) {
     return "its padding must be SAME or VALID";
@@ -142,7 +142,7 @@ Fault LookAtConvolution(const Step& step, format::Padding padding,
 }
 
 /// Options of another kind than the operator's are none to the engine.
-Fault LookAtOptions(const Step& step) {
+Reason LookAtOptions(const Step& step) {
   const format::Operator& table = step.table();
   const BuiltinOperator code = step.code();
   if (const auto* const conv = table.builtin_options_as_Conv2DOptions();
@@ -193,7 +193,7 @@ Fault LookAtOptions(const Step& step) {
 }
 
 /// Constant places in an output of constant sizes.
-Fault LookAtPlaces(const Step& step) {
+Reason LookAtPlaces(const Step& step) {
   const bool is_scatter = step.code() == BuiltinOperator::SCATTER_ND;
   if (!is_scatter && step.code() != BuiltinOperator::SPARSE_TO_DENSE) {
     return {};
@@ -214,10 +214,10 @@ Fault LookAtPlaces(const Step& step) {
 
 }  // namespace
 
-Fault LookAtOperator(const Step& step) {
+Reason LookAtOperator(const Step& step) {
   for (const auto& look : {LookAtTensors, LookAtScales, LookAtOptions, LookAtPlaces}) {
-    if (Fault fault = look(step); !fault.empty()) {
-      return fault;
+    if (Reason reason = look(step); !reason.empty()) {
+      return reason;
     }
   }
   return {};

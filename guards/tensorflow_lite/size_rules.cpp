@@ -62,7 +62,7 @@ bool IsReflection(const Step& step) {
 }
 
 /// The shape that such sizes make of the first input's. What only a run knows counts as 1.
-Fault LookAtShape(const Step& step, const std::vector<std::int64_t>& sizes) {
+Reason LookAtShape(const Step& step, const std::vector<std::int64_t>& sizes) {
   std::vector<std::int64_t> shape = Step::ShapeOf(step.Input(0));
   switch (step.code()) {
     case BuiltinOperator::PAD:
@@ -136,7 +136,7 @@ bool IsFilled(const Step& step, const std::vector<std::int64_t>& output) {
 
 }  // namespace
 
-Fault LookAtSizes(const Step& step) {
+Reason LookAtSizes(const Step& step) {
   flatbuffers::uoffset_t at = 1;
   switch (step.code()) {
     case BuiltinOperator::FILL:

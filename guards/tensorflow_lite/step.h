@@ -11,7 +11,7 @@ namespace velmora::plugin::network::guards {
 
 using format::BuiltinOperator;
 using Indices = flatbuffers::Vector<std::int32_t>;
-using Fault = std::string;  // empty for none
+using Reason = std::string;  // empty for none
 
 constexpr std::int32_t kNone = -1;     // for the index of a tensor
 constexpr std::int64_t kUnknown = -1;  // for a size
@@ -54,7 +54,7 @@ class Step {
 
 /// What of an operator the engine does not survive: in its tensors and options, and in the sizes
 /// that it makes of a constant.
-Fault LookAtOperator(const Step& step);
-Fault LookAtSizes(const Step& step);
+Reason LookAtOperator(const Step& step);
+Reason LookAtSizes(const Step& step);
 
 }  // namespace velmora::plugin::network::guards

@@ -50,9 +50,9 @@ void PrintJson(const Json::Value& document) {
   Print(Json::writeString(builder, document) + "\n");
 }
 
-void Console::Fault(std::string_view subject, std::string_view fault) {
-  any_fault_ = true;
-  Say(fmt::format("{}: {}", subject, fault));
+void Console::Error(std::string_view subject, std::string_view error) {
+  any_error_ = true;
+  Say(fmt::format("{}: {}", subject, error));
 }
 
 void Console::Say(std::string_view text) {

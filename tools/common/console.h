@@ -33,9 +33,9 @@ void PrintJson(const Json::Value& document);
 /// written there is lost, and nothing else.
 class Console {
  public:
-  /// Writes "PROGRAM: subject: fault" and remembers that not all was done.
-  void Fault(std::string_view subject, std::string_view fault);
-  bool any_fault() const { return any_fault_; }
+  /// Writes "PROGRAM: subject: error" and remembers that not all was done.
+  void Error(std::string_view subject, std::string_view error);
+  bool any_error() const { return any_error_; }
 
   /// Writes "PROGRAM: text".
   void Say(std::string_view text);
@@ -49,7 +49,7 @@ class Console {
  private:
   using Clock = std::chrono::steady_clock;
 
-  bool any_fault_ = false;
+  bool any_error_ = false;
   bool bar_shown_ = false;
   Clock::time_point next_draw_ = Clock::now() + std::chrono::milliseconds(300);
 };

@@ -32,7 +32,7 @@ Character TakeCharacter(std::string_view* text) {
   std::mbstate_t state{};
   wchar_t code = 0;
   std::size_t length = std::mbrtowc(&code, text->data(), text->size(), &state);
-  const bool valid = length <= text->size();  // the values for faults are the greatest there are
+  const bool valid = length <= text->size();  // the values for errors are the greatest there are
   length = valid ? std::max<std::size_t>(length, 1) : 1;
   const Character character{text->substr(0, length), valid, Columns(code)};
   text->remove_prefix(length);

@@ -107,7 +107,7 @@ std::vector<cv::Mat> PrepareInput(const BenchOptions& options, const Model& mode
     try {
       prepared.push_back(Prepare(ReadImage(path, model.channels), model));
     } catch (...) {
-      console->Fault(path, CurrentFault());
+      console->Error(path, CurrentError());
     }
   }
   return prepared;
@@ -218,7 +218,7 @@ int Bench(const BenchOptions& options) {
   try {
     latencies = Measure(options, model, input, &console);
   } catch (...) {
-    console.Fault(options.model, CurrentFault());
+    console.Error(options.model, CurrentError());
     return kNotAllDone;
   }
   const double processor = static_cast<double>(std::clock() - processor_start) / CLOCKS_PER_SEC;
@@ -240,7 +240,7 @@ int Bench(const BenchOptions& options) {
   } else {
     PrintTable(report, options, model);
   }
-  return console.any_fault() ? kNotAllDone : kDone;
+  return console.any_error() ? kNotAllDone : kDone;
 }
 
 }  // namespace

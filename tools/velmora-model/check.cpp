@@ -64,7 +64,7 @@ struct Output {
 /// What came of one form.
 struct Checked {
   Form form;
-  std::string fault;     // why a host should not take it; empty when it may
+  std::string error;     // why a host should not take it; empty when it may
   Json::Value measured;  // by the child; see CheckForm()
   std::vector<Output> outputs;
 
@@ -83,7 +83,7 @@ void ReadReport(const std::string& report, Checked* checked) {
     if (!reader->parse(report.data(), report.data() + end, &measured, &ignored)) {
       throw std::runtime_error("ended without a report");
     }
-    checked->fault = measured.get("error", "").asString();
+    checked->error = measured.get("error", "").asString();
     std::size_t next = std::min(end + 1, report.size());
     for (const Json::Value& entry : measured["outputs"]) {
       const std::size_t count = entry["values"].asUInt64();
@@ -100,7 +100,7 @@ void ReadReport(const std::string& report, Checked* checked) {
   } catch (...) {
     measured = Json::objectValue;
     checked->outputs.clear();
-    checked->fault = CurrentFault();
+    checked->error = CurrentError();
   }
 }
 
@@ -109,13 +109,13 @@ Checked CheckOne(const CheckOptions& options, const Form& form) {
   checked.form = form;
   const ChildResult result =
       RunChild({"check-form", options.model, form.id}, {options.memory, options.seconds});
-  if (result.fault.empty()) {
+  if (result.error.empty()) {
     ReadReport(result.output, &checked);
   } else {
-    checked.fault = result.fault;
+    checked.error = result.error;
   }
-  if (const std::string path = options.model + ": "; checked.fault.starts_with(path)) {
-    checked.fault.erase(0, path.size());
+  if (const std::string path = options.model + ": "; checked.error.starts_with(path)) {
+    checked.error.erase(0, path.size());
   }
   return checked;
 }
@@ -127,7 +127,7 @@ void Compare(const Checked& first, Checked* other) {
     const std::vector<float>& b = other->outputs[k].values;
     const std::string name = OneLine(first.outputs[k].summary.name);
     if (a.size() != b.size()) {
-      other->fault = fmt::format("output \"{}\" has {} values, and {} in {}", name, b.size(),
+      other->error = fmt::format("output \"{}\" has {} values, and {} in {}", name, b.size(),
                                  a.size(), first.form.id);
       return;
     }
@@ -139,7 +139,7 @@ void Compare(const Checked& first, Checked* other) {
     }
     other->outputs[k].difference = largest > 0 ? distance / largest : 0;
     if (*other->outputs[k].difference > kTolerance) {
-      other->fault = fmt::format("output \"{}\" is not that of {}", name, first.form.id);
+      other->error = fmt::format("output \"{}\" is not that of {}", name, first.form.id);
     }
   }
 }
@@ -154,18 +154,18 @@ bool Judge(std::vector<Checked>* forms) {
     }
     for (const Output& output : checked.outputs) {
       if (output.summary.not_finite > 0) {
-        checked.fault = fmt::format("output \"{}\" has {} values that are not finite",
+        checked.error = fmt::format("output \"{}\" has {} values that are not finite",
                                     OneLine(output.summary.name), output.summary.not_finite);
       }
     }
-    if (!checked.fault.empty()) {
+    if (!checked.error.empty()) {
       continue;
     }
     if (first == nullptr) {
       first = &checked;
     } else {
       Compare(*first, &checked);
-      agree = agree && checked.fault.empty();
+      agree = agree && checked.error.empty();
     }
   }
   return agree;
@@ -188,8 +188,8 @@ Json::Value ToJson(const CheckOptions& options, const std::vector<Checked>& form
         one["difference"] = *output.difference;
       }
     }
-    if (!checked.fault.empty()) {
-      entry["error"] = JsonText(checked.fault);
+    if (!checked.error.empty()) {
+      entry["error"] = JsonText(checked.error);
     }
   }
   return document;
@@ -210,7 +210,7 @@ void PrintTables(const std::vector<Checked>& forms) {
     const Json::Value& measured = checked.measured;
     if (!checked.ran()) {
       Print(fmt::format("{:<7} {:<{}}  {}\n", checked.form.id, checked.form.engine, engine_width,
-                        OneLine(checked.fault)));
+                        OneLine(checked.error)));
       continue;
     }
     const auto size = [&](const char* name) {
@@ -252,7 +252,7 @@ int Check(const CheckOptions& options) {
   console.ClearProgress();
   const bool agree = Judge(&checked);
   const bool passed = std::all_of(checked.begin(), checked.end(),
-                                  [](const Checked& each) { return each.fault.empty(); });
+                                  [](const Checked& each) { return each.error.empty(); });
   if (options.json) {
     Json::Value document = ToJson(options, checked);
     document["agree"] = agree;
@@ -262,8 +262,8 @@ int Check(const CheckOptions& options) {
     PrintTables(checked);
     Print("\n");
     for (const Checked& each : checked) {
-      if (each.ran() && !each.fault.empty()) {
-        Print(fmt::format("{}: {}\n", each.form.id, OneLine(each.fault)));
+      if (each.ran() && !each.error.empty()) {
+        Print(fmt::format("{}: {}\n", each.form.id, OneLine(each.error)));
       }
       if (each.measured.isMember("warning")) {
         Print(fmt::format("{}: {}\n", each.form.id, OneLine(each.measured["warning"].asString())));
@@ -311,7 +311,7 @@ int CheckForm(const CheckFormOptions& options) {
     }
   } catch (...) {
     report = Json::objectValue;
-    report["error"] = JsonText(CurrentFault());
+    report["error"] = JsonText(CurrentError());
     values.clear();
   }
   Json::StreamWriterBuilder builder;

@@ -151,18 +151,18 @@ ChildResult RunChild(std::vector<std::string> arguments, const Limits& limits) {
     poll(&end, 1, 10);
     hear();
     if (ResidentKib(std::to_string(child)) / 1024 > static_cast<std::uint64_t>(limits.memory_mib)) {
-      result.fault = fmt::format("wanted more than {} MiB", limits.memory_mib);
+      result.error = fmt::format("wanted more than {} MiB", limits.memory_mib);
     } else if (Clock::now() > deadline) {
-      result.fault = fmt::format("took longer than {} s", limits.seconds);
+      result.error = fmt::format("took longer than {} s", limits.seconds);
     }
-    if (!result.fault.empty()) {
+    if (!result.error.empty()) {
       kill(child, SIGKILL);
       waitpid(child, &status, 0);
       return result;
     }
   }
   hear();
-  result.fault = HowItEnded(status, LastLine(tail));
+  result.error = HowItEnded(status, LastLine(tail));
   result.output = ReadWhole(output, limits);
   return result;
 }

@@ -14,7 +14,7 @@ struct Limits {
 
 /// What a process left behind.
 struct ChildResult {
-  std::string fault;   // why it came to no end of its own; empty when it did
+  std::string error;   // why it came to no end of its own; empty when it did
   std::string output;  // all that it wrote to the stream that EnterChild() returned
 };
 

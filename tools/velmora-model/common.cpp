@@ -18,7 +18,7 @@ namespace velmora::tool {
 
 namespace {
 
-std::string Fault() {
+std::string Error() {
   try {
     throw;
   } catch (const plugin::network::Exception& exception) {
@@ -82,10 +82,10 @@ bool WriteAll(int file, std::string_view bytes) {
   return true;
 }
 
-std::string CurrentFault(const std::function<std::string()>& reason) {
-  std::string fault = Fault();
+std::string CurrentError(const std::function<std::string()>& reason) {
+  std::string error = Error();
   const std::string why = reason != nullptr ? reason() : "";
-  return fault.find(why) != std::string::npos ? fault : fault + ": " + why;
+  return error.find(why) != std::string::npos ? error : error + ": " + why;
 }
 
 }  // namespace velmora::tool

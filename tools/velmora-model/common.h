@@ -25,6 +25,6 @@ bool WriteAll(int file, std::string_view bytes);
 
 /// The exception that is being handled, whatever its type, as one short line. What `reason`
 /// tells is added where it is not said already: the library's own texts are fixed ones.
-std::string CurrentFault(const std::function<std::string()>& reason = nullptr);
+std::string CurrentError(const std::function<std::string()>& reason = nullptr);
 
 }  // namespace velmora::tool

@@ -199,7 +199,7 @@ int Compare(const CompareOptions& options) {
         engines[k].milliseconds.push_back(seconds[k] * 1000);
       }
     } catch (...) {
-      console.Fault(images[i], CurrentFault());
+      console.Error(images[i], CurrentError());
     }
     console.ShowProgress(i + 1, images.size());
   }
@@ -220,7 +220,7 @@ int Compare(const CompareOptions& options) {
     Print(agree ? fmt::format("\nall engines agree on {} images\n", count)
                 : "\nthe engines do not agree\n");
   }
-  return agree && !console.any_fault() ? kDone : kNotAllDone;
+  return agree && !console.any_error() ? kDone : kNotAllDone;
 }
 
 }  // namespace

@@ -61,10 +61,10 @@ struct Node {
   std::string key;  // such as "image.width"; empty for the document itself
   const Json::Value& value;
 
-  [[noreturn]] void Refuse(std::string_view fault) const {
+  [[noreturn]] void Refuse(std::string_view error) const {
     // A key may hold a NUL, where the text of an exception ends.
-    throw std::runtime_error(key.empty() ? std::string(fault)
-                                         : fmt::format("{}: {}", OneLine(key), fault));
+    throw std::runtime_error(key.empty() ? std::string(error)
+                                         : fmt::format("{}: {}", OneLine(key), error));
   }
 
   void Expect(bool is_so, std::string_view what) const {
@@ -200,9 +200,9 @@ Json::Value ParseJson(const std::string& text) {
   Json::CharReaderBuilder::strictMode(&builder.settings_);
   const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
   Json::Value document;
-  std::string faults;  // "* Line 3, Column 5\n  What is wrong\n" and so on; the first is enough
-  if (!reader->parse(text.data(), text.data() + text.size(), &document, &faults)) {
-    throw std::runtime_error("is not JSON: " + faults.substr(2, faults.find("\n* ") - 1));
+  std::string errors;  // "* Line 3, Column 5\n  What is wrong\n" and so on; the first is enough
+  if (!reader->parse(text.data(), text.data() + text.size(), &document, &errors)) {
+    throw std::runtime_error("is not valid JSON: " + errors.substr(2, errors.find("\n* ") - 1));
   }
   return document;
 }

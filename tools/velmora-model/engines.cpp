@@ -97,19 +97,19 @@ constexpr Kind kKinds[] = {
 /// Calls `make` for a model that has such a form; an error names the file.
 template <typename Make>
 std::unique_ptr<BaseNetwork> Load(const Kind& kind, const NetworkConfig& config, Make make) {
-  std::string at_fault;
+  std::string failing;
   std::function<std::string()> reason;  // none while no engine has been asked
   try {
     const std::vector<std::string> files = kind.files(config);
     for (const std::string& file : files) {
-      at_fault = file;
+      failing = file;
       CheckReadable(file);
     }
-    at_fault = fmt::format("{}", fmt::join(files, ", "));
+    failing = fmt::format("{}", fmt::join(files, ", "));
     reason = [&] { return kind.reason(config); };
     return make();
   } catch (...) {
-    throw std::runtime_error(at_fault + ": " + CurrentFault(reason));
+    throw std::runtime_error(failing + ": " + CurrentError(reason));
   }
 }
 

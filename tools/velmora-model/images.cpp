@@ -222,7 +222,7 @@ std::vector<std::string> ListImages(const std::vector<std::string>& named, Conso
         found = ListFolder(name);
       }
     } catch (...) {
-      console->Fault(name, CurrentFault());
+      console->Error(name, CurrentError());
       continue;
     }
     for (std::string& image : found) {
@@ -301,7 +301,7 @@ std::map<std::string, std::string> FindTruth(const std::vector<std::string>& ima
     try {
       known.merge(ReadTruth(path, !file.empty(), labels, &line));
     } catch (...) {
-      console->Fault(line > 0 ? fmt::format("{}:{}", path, line) : path, CurrentFault());
+      console->Error(line > 0 ? fmt::format("{}:{}", path, line) : path, CurrentError());
     }
   }
   std::map<std::string, std::string> truth;
@@ -314,7 +314,7 @@ std::map<std::string, std::string> FindTruth(const std::vector<std::string>& ima
     }
   }
   if (!file.empty() && !known.empty() && truth.empty()) {
-    console->Fault(file, "names none of the images");
+    console->Error(file, "names none of the images");
   }
   return truth;
 }

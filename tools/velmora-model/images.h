@@ -14,7 +14,7 @@
 namespace velmora::tool {
 
 /// The images that are meant by files and folders, in that order, those of a folder by name; an
-/// image that is named twice comes once. What cannot be listed is a fault on the console.
+/// image that is named twice comes once. What cannot be listed is an error on the console.
 std::vector<std::string> ListImages(const std::vector<std::string>& named, Console* console);
 
 /// The decoded image, 8 bits a channel, in OpenCV's order (blue, green, red) or gray. Throws, with
@@ -31,7 +31,7 @@ cv::Mat Prepare(const cv::Mat& image, const Model& model);
 /// The right label of each image whose truth is known. It comes from `file`, or when that is empty
 /// from the truth.csv of each image's folder, where there is one: CSV with the header "file,label".
 /// A bare name in a truth.csv is an image of its folder, in `file` any image of that name; a name
-/// with a slash is a path from the truth file's folder. A truth file with a fault is a fault on the
+/// with a slash is a path from the truth file's folder. A truth file with an error is an error on the
 /// console, and none of it is used.
 std::map<std::string, std::string> FindTruth(const std::vector<std::string>& images,
                                              const std::string& file,

@@ -147,7 +147,7 @@ std::string IeReason([[maybe_unused]] const NetworkConfig& config,
     }
     return "";
   } catch (...) {
-    return outputs.empty() ? CurrentFault() : outputs + "\"";
+    return outputs.empty() ? CurrentError() : outputs + "\"";
   }
 #else
   return "";

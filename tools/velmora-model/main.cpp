@@ -76,7 +76,7 @@ int main(int argc, char** argv) {
     console.Say(error.what());
     return kModelNotLoaded;
   } catch (...) {
-    console.Say(CurrentFault());
+    console.Say(CurrentError());
     return kNotAllDone;
   }
 }

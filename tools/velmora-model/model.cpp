@@ -93,7 +93,7 @@ void TryNetwork(Model* model, Use use) {
   } catch (...) {
     throw std::runtime_error(fmt::format("{}: the network does not fit this description: {}",
                                          model->engine.files[0],
-                                         CurrentFault(model->engine.reason)));
+                                         CurrentError(model->engine.reason)));
   }
 }
 
@@ -122,7 +122,7 @@ Model LoadModel(const std::string& path, std::optional<Backend> backend, Use use
     TryNetwork(&model, use);
     return model;
   } catch (...) {
-    throw ModelError(path + ": " + CurrentFault());
+    throw ModelError(path + ": " + CurrentError());
   }
 }
 
@@ -133,7 +133,7 @@ Model LoadForm(const std::string& path, const Form& form, Use use) {
     TryNetwork(&model, use);
     return model;
   } catch (...) {
-    throw ModelError(path + ": " + CurrentFault());
+    throw ModelError(path + ": " + CurrentError());
   }
 }
 
@@ -142,7 +142,7 @@ std::vector<Form> ListForms(const std::string& path,
   try {
     return ListForms(ReadDescription(path).config, left_out);
   } catch (...) {
-    throw ModelError(path + ": " + CurrentFault());
+    throw ModelError(path + ": " + CurrentError());
   }
 }
 

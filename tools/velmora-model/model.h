@@ -15,7 +15,7 @@
 
 namespace velmora::tool {
 
-/// A model that cannot be used: "PATH: FAULT", where the fault names the key or the file.
+/// A model that cannot be used: "PATH: ERROR", where the error names the key or the file.
 struct ModelError : std::runtime_error {
   using std::runtime_error::runtime_error;
 };

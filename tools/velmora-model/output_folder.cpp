@@ -44,18 +44,18 @@ std::string OutputFolder::Write(const std::string& stem, const std::string& exte
     refuse(errno == ELOOP ? "is a link" : errno == ENXIO ? "is not a file" : std::strerror(errno));
   }
   struct stat status {};
-  std::string fault;
+  std::string error;
   if (fstat(file, &status) != 0 || !S_ISREG(status.st_mode)) {
-    fault = "is not a file";
+    error = "is not a file";
   } else if (inputs_.contains({status.st_dev, status.st_ino})) {
-    fault = "is an input image";
+    error = "is an input image";
   } else if (ftruncate(file, 0) != 0 || !WriteAll(file, bytes)) {
-    fault = std::strerror(errno);
+    error = std::strerror(errno);
     unlink(target.c_str());
   }
   close(file);
-  if (!fault.empty()) {
-    refuse(fault);
+  if (!error.empty()) {
+    refuse(error);
   }
   return target;
 }

@@ -42,11 +42,11 @@ struct Output {
   std::string saved;  // path; empty when it is not
 };
 
-/// What came of one image: outputs, or a fault instead.
+/// What came of one image: outputs, or an error instead.
 struct Result {
   std::string file;
   std::vector<Output> outputs;
-  std::string fault;
+  std::string error;
 };
 
 /// An output's name within a file's name.
@@ -105,8 +105,8 @@ void LookAt(const Model& model, const cv::Mat& image, const OutputMap& outputs,
 Json::Value ToJson(const Result& result) {
   Json::Value image;
   image["file"] = JsonText(result.file);
-  if (!result.fault.empty()) {
-    image["error"] = JsonText(result.fault);
+  if (!result.error.empty()) {
+    image["error"] = JsonText(result.error);
     return image;
   }
   for (const Output& output : result.outputs) {
@@ -179,7 +179,7 @@ int Outputs(const OutputsOptions& options) {
     try {
       folder.emplace(options.save, images);
     } catch (...) {
-      console.Fault(options.save, CurrentFault());
+      console.Error(options.save, CurrentError());
     }
   }
 
@@ -188,8 +188,8 @@ int Outputs(const OutputsOptions& options) {
     results.push_back({image, {}, {}});
   }
   const auto fail = [&](Result* result) {
-    result->fault = CurrentFault();
-    console.Fault(result->file, result->fault);
+    result->error = CurrentError();
+    console.Error(result->file, result->error);
   };
   const std::size_t batch = std::max<std::size_t>(model.config.batch_size, 1);
   for (std::size_t next = 0; next < results.size();) {
@@ -236,7 +236,7 @@ int Outputs(const OutputsOptions& options) {
     Print(EngineLines(engine) + "\n");
     PrintTable(results);
   }
-  return console.any_fault() ? kNotAllDone : kDone;
+  return console.any_error() ? kNotAllDone : kDone;
 }
 
 }  // namespace

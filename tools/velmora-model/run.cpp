@@ -42,7 +42,7 @@ struct Answer {
   float value = 0;
 };
 
-/// What came of one image: answers, or a fault instead.
+/// What came of one image: answers, or an error instead.
 struct Result {
   std::string file;
   cv::Mat image;                // kept for annotating only
@@ -50,7 +50,7 @@ struct Result {
   bool probabilities = true;    // that is what their values are
   double milliseconds = 0;
   const std::string* truth = nullptr;
-  std::string fault;
+  std::string error;
 
   bool right() const { return truth != nullptr && answers[0].label == *truth; }
 };
@@ -74,15 +74,15 @@ std::vector<Answer> BestAnswers(const std::vector<float>& values,
   return answers;
 }
 
-/// Reads, prepares and runs the images of one batch. An image that fails gets a fault; the others
+/// Reads, prepares and runs the images of one batch. An image that fails gets an error; the others
 /// are still done.
 void RunBatch(const Model& model, const RunOptions& options, std::vector<Result>* batch,
               bool* warned, Console* console) {
   std::vector<cv::Mat> prepared;
   std::vector<Result*> running;
   const auto fail = [console](Result* result) {
-    result->fault = CurrentFault();
-    console->Fault(result->file, result->fault);
+    result->error = CurrentError();
+    console->Error(result->file, result->error);
   };
   for (Result& result : *batch) {
     try {
@@ -173,8 +173,8 @@ class Table {
 Json::Value ToJson(const Result& result) {
   Json::Value image;
   image["file"] = JsonText(result.file);
-  if (!result.fault.empty()) {
-    image["error"] = JsonText(result.fault);
+  if (!result.error.empty()) {
+    image["error"] = JsonText(result.error);
     return image;
   }
   for (const Answer& answer : result.answers) {
@@ -208,7 +208,7 @@ void Annotate(const Result& result, Annotator* annotator, Console* console) {
   try {
     annotator->Write(result.file, result.image, lines, colour);
   } catch (...) {
-    console->Fault(result.file, CurrentFault());
+    console->Error(result.file, CurrentError());
   }
 }
 
@@ -223,7 +223,7 @@ int Run(const RunOptions& options) {
     try {
       annotator.emplace(options.annotate, images);
     } catch (...) {
-      console.Fault(options.annotate, CurrentFault());
+      console.Error(options.annotate, CurrentError());
     }
   }
 
@@ -250,7 +250,7 @@ int Run(const RunOptions& options) {
       if (options.json) {
         document["images"].append(ToJson(result));
       }
-      if (!result.fault.empty()) {
+      if (!result.error.empty()) {
         continue;
       }
       known += result.truth != nullptr ? 1 : 0;
@@ -284,7 +284,7 @@ int Run(const RunOptions& options) {
   } else if (known > 0) {
     Print(fmt::format("\naccuracy: {} of {} ({:.1f} %)\n", right, known, accuracy * 100));
   }
-  return console.any_fault() ? kNotAllDone : kDone;
+  return console.any_error() ? kNotAllDone : kDone;
 }
 
 }  // namespace

@@ -112,7 +112,7 @@ class Evening {
       Forward(model_, {image_}, &ignored);
     } catch (...) {
       ++lost_;
-      console_.Fault("a request was lost", CurrentFault());
+      console_.Error("a request was lost", CurrentError());
     }
     const std::chrono::duration<double, std::milli> latency = Clock::now() - sent;
     const std::chrono::duration<double> time = sent - start_;
