@@ -61,11 +61,21 @@ struct Output {
   std::optional<double> difference;  // from the first form: a part of the largest value
 };
 
+/// What the child measures of one form; times are in milliseconds.
+struct Measured {
+  std::string device;
+  double load = 0;
+  double run = 0;
+  std::uint64_t resident_kib = 0;
+  InputShape input;
+  std::string warning;
+};
+
 /// What came of one form.
 struct Checked {
   Form form;
-  std::string error;     // why a host should not take it; empty when it may
-  Json::Value measured;  // by the child; see CheckForm()
+  std::string error;  // why a host should not take it; empty when it may
+  Measured measured;
   std::vector<Output> outputs;
 
   bool ran() const { return !outputs.empty(); }
@@ -77,15 +87,23 @@ void ReadReport(const std::string& report, Checked* checked) {
   const std::size_t end = std::min(report.find('\n'), report.size());
   Json::CharReaderBuilder builder;
   const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-  Json::Value& measured = checked->measured;
+  Json::Value head;
   std::string ignored;
   try {
-    if (!reader->parse(report.data(), report.data() + end, &measured, &ignored)) {
+    if (!reader->parse(report.data(), report.data() + end, &head, &ignored)) {
       throw std::runtime_error("ended without a report");
     }
-    checked->error = measured.get("error", "").asString();
+    checked->error = head.get("error", "").asString();
+    const Json::Value& input = head["input"];
+    checked->measured = {
+        head["device"].asString(),
+        head["load_ms"].asDouble(),
+        head["run_ms"].asDouble(),
+        head["resident_kib"].asUInt64(),
+        {input["width"].asInt(), input["height"].asInt(), input["channels"].asInt()},
+        head.get("warning", "").asString()};
     std::size_t next = std::min(end + 1, report.size());
-    for (const Json::Value& entry : measured["outputs"]) {
+    for (const Json::Value& entry : head["outputs"]) {
       const std::size_t count = entry["values"].asUInt64();
       if (count > (report.size() - next) / sizeof(float)) {
         throw std::runtime_error("ended within its report");
@@ -98,7 +116,6 @@ void ReadReport(const std::string& report, Checked* checked) {
       checked->outputs.push_back(std::move(output));
     }
   } catch (...) {
-    measured = Json::objectValue;
     checked->outputs.clear();
     checked->error = CurrentError();
   }
@@ -171,16 +188,32 @@ bool Judge(std::vector<Checked>* forms) {
   return agree;
 }
 
+/// As the child reports it to the program, and the program to the user.
+void Put(const Measured& measured, Json::Value* entry) {
+  (*entry)["device"] = measured.device;
+  (*entry)["load_ms"] = measured.load;
+  (*entry)["run_ms"] = measured.run;
+  (*entry)["resident_kib"] = Json::UInt64{measured.resident_kib};
+  (*entry)["input"]["width"] = measured.input.width;
+  (*entry)["input"]["height"] = measured.input.height;
+  (*entry)["input"]["channels"] = measured.input.channels;
+  if (!measured.warning.empty()) {
+    (*entry)["warning"] = JsonText(measured.warning);
+  }
+}
+
 Json::Value ToJson(const CheckOptions& options, const std::vector<Checked>& forms) {
   Json::Value document;
   document["model"] = JsonText(ReadDescription(options.model).name);
   document["limits"]["memory_mib"] = options.memory;
   document["limits"]["seconds"] = options.seconds;
   for (const Checked& checked : forms) {
-    Json::Value& entry = document["forms"].append(checked.measured);
+    Json::Value& entry = document["forms"].append(Json::objectValue);
     entry["id"] = checked.form.id;
     entry["engine"] = checked.form.engine;
-    entry.removeMember("outputs");
+    if (checked.ran()) {
+      Put(checked.measured, &entry);
+    }
     for (const Output& output : checked.outputs) {
       Json::Value& one = entry["outputs"].append(ToJson(output.summary));
       one.removeMember("shape");
@@ -207,21 +240,18 @@ void PrintTables(const std::vector<Checked>& forms) {
   Print(fmt::format("{:<7} {:<{}}  {:<6}  {:>9}  {:>8}  {:>10}  {}\n", "", "engine", engine_width,
                     "device", "load (ms)", "run (ms)", "held (MiB)", "input"));
   for (const Checked& checked : forms) {
-    const Json::Value& measured = checked.measured;
+    const Measured& measured = checked.measured;
     if (!checked.ran()) {
       Print(fmt::format("{:<7} {:<{}}  {}\n", checked.form.id, checked.form.engine, engine_width,
                         OneLine(checked.error)));
       continue;
     }
-    const auto size = [&](const char* name) {
-      const int value = measured["input"][name].asInt();
-      return value == 0 ? std::string("any") : std::to_string(value);
-    };
+    const auto size = [](int value) { return value == 0 ? "any" : std::to_string(value); };
     Print(fmt::format("{:<7} {:<{}}  {:<6}  {:>9.1f}  {:>8.1f}  {:>10}  {} x {} x {}\n",
-                      checked.form.id, checked.form.engine, engine_width,
-                      measured["device"].asString(), measured["load_ms"].asDouble(),
-                      measured["run_ms"].asDouble(), measured["resident_kib"].asUInt64() / 1024,
-                      size("width"), size("height"), size("channels")));
+                      checked.form.id, checked.form.engine, engine_width, measured.device,
+                      measured.load, measured.run, measured.resident_kib / 1024,
+                      size(measured.input.width), size(measured.input.height),
+                      size(measured.input.channels)));
   }
   if (std::any_of(forms.begin(), forms.end(), [](const Checked& each) { return each.ran(); })) {
     Print(fmt::format("\n{:<7} {:<{}}  {}  {:>10}\n", "", "output", name_width, SummaryTitles(),
@@ -265,8 +295,8 @@ int Check(const CheckOptions& options) {
       if (each.ran() && !each.error.empty()) {
         Print(fmt::format("{}: {}\n", each.form.id, OneLine(each.error)));
       }
-      if (each.measured.isMember("warning")) {
-        Print(fmt::format("{}: {}\n", each.form.id, OneLine(each.measured["warning"].asString())));
+      if (!each.measured.warning.empty()) {
+        Print(fmt::format("{}: {}\n", each.form.id, OneLine(each.measured.warning)));
       }
     }
     Print(!passed               ? "not every form loads, runs and agrees with the others\n"
@@ -290,18 +320,16 @@ int CheckForm(const CheckFormOptions& options) {
     }
     const auto start = std::chrono::steady_clock::now();
     const Model model = LoadForm(options.model, form.value(), Use::kAnswerToLabels);
-    report["load_ms"] = Milliseconds(std::chrono::steady_clock::now() - start).count();
+    Measured measured;
+    measured.load = Milliseconds(std::chrono::steady_clock::now() - start).count();
     double seconds = 0;
     const OutputMap outputs = RunNetwork(model, {Prepare(MadeUpImage(model), model)}, &seconds)[0];
-    report["run_ms"] = seconds * 1000;
-    report["resident_kib"] = Json::UInt64{ResidentKib("self")};
-    report["device"] = model.engine.device();
-    report["input"]["width"] = model.engine.input.width;
-    report["input"]["height"] = model.engine.input.height;
-    report["input"]["channels"] = model.engine.input.channels;
-    if (!model.warning.empty()) {
-      report["warning"] = JsonText(model.warning);
-    }
+    measured.run = seconds * 1000;
+    measured.resident_kib = ResidentKib("self");
+    measured.device = model.engine.device();
+    measured.input = model.engine.input;
+    measured.warning = model.warning;
+    Put(measured, &report);
     for (std::size_t k = 0; k < model.engine.outputs.size(); ++k) {
       const std::vector<float>& each = outputs.at(model.engine.outputs[k]);
       Json::Value& entry = report["outputs"].append(Json::objectValue);
