@@ -37,7 +37,9 @@ void AddBlob(pb::Message& layer, const CaffeBlob& blob, std::minstd_rand& random
   }
   std::uniform_real_distribution<float> value(blob.low, blob.high);
   const pb::FieldDescriptor* const data = FieldOf(*message, "data");
-  for (std::int64_t i = 0; i < count; ++i) reflection.AddFloat(message, data, value(random));
+  for (std::int64_t i = 0; i < count; ++i) {
+    reflection.AddFloat(message, data, value(random));
+  }
 }
 
 }  // namespace
@@ -50,7 +52,9 @@ std::string MakeCaffeModel(const std::string& prototxt, const std::vector<CaffeB
   const std::unique_ptr<pb::Message> net(
       factory.GetPrototype(pool.BuildFile(files.file(0))->FindMessageTypeByName("NetParameter"))
           ->New());
-  if (!pb::TextFormat::ParseFromString(prototxt, net.get())) {
+  pb::TextFormat::Parser parser;
+  parser.AllowUnknownField(true);
+  if (!parser.ParseFromString(prototxt, net.get())) {
     throw std::runtime_error("the description does not parse");
   }
 
@@ -61,9 +65,13 @@ std::string MakeCaffeModel(const std::string& prototxt, const std::vector<CaffeB
   for (int i = 0; i < reflection.FieldSize(*net, layers); ++i) {
     pb::Message* layer = reflection.MutableRepeatedMessage(net.get(), layers, i);
     const std::string name = layer->GetReflection()->GetString(*layer, FieldOf(*layer, "name"));
-    for (; blob != blobs.end() && blob->layer == name; ++blob) AddBlob(*layer, *blob, random);
+    for (; blob != blobs.end() && blob->layer == name; ++blob) {
+      AddBlob(*layer, *blob, random);
+    }
   }
-  if (blob != blobs.end()) throw std::runtime_error("no layer " + blob->layer);
+  if (blob != blobs.end()) {
+    throw std::runtime_error("no layer " + blob->layer);
+  }
   return net->SerializeAsString();
 }
 
