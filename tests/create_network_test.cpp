@@ -49,7 +49,9 @@ TEST(CreateNetworkTest, AsksTheMachineFirstAndTheFlagsSecond) {
     const std::string flags = enabled;
     const bool is_ie = chosen == std::string("ie");
 #ifdef __SANITIZE_THREAD__  // which does not see how the engine's threads agree
-    if (is_ie) continue;
+    if (is_ie) {
+      continue;
+    }
 #endif
     NetworkConfig config;
     config.enable_ie = flags.find("ie") != std::string::npos;

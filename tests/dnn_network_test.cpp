@@ -54,7 +54,9 @@ class HostLayer : public cv::dnn::Layer {
                cv::OutputArrayOfArrays) override {
     ++runs;
     outputs.getMat(0).setTo(1);
-    if (!inputs.empty()) inputs.getMat(0).copyTo(outputs.getMat(0));
+    if (!inputs.empty()) {
+      inputs.getMat(0).copyTo(outputs.getMat(0));
+    }
   }
   static inline int runs = 0;
 };
@@ -180,7 +182,9 @@ TEST_F(DnnNetworkTest, RunsWhatOpenCvRunsWithItsNumbers) {
   for (const auto& [type, params, shapes, bottoms, before] : kZoo) {
     SCOPED_TRACE(type);
     std::vector<test::CaffeBlob> blobs;
-    for (const auto& shape : shapes) blobs.push_back({"x", shape, 0.1F, 1});
+    for (const auto& shape : shapes) {
+      blobs.push_back({"x", shape, 0.1F, 1});
+    }
     const std::string prototxt = "input: 'data' " + before + "layer { name: 'x' type: '" + type +
                                  "' " + bottoms + " top: 'x' " + params + " }";
     NetworkConfig pair = Pair(prototxt, test::MakeCaffeModel(prototxt, blobs), {});

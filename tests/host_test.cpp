@@ -26,7 +26,9 @@ TEST_P(HostTest, LoadsUsesAndUnloadsNetworksInTheSameMemory) {
   const std::string backend = GetParam();
   std::size_t allocated = 0;
   for (int done = 0; done < kCycles; done += kCyclesOfOneLoad) {
-    if (done == kWarmUp) allocated = AllocatedKilobytes();
+    if (done == kWarmUp) {
+      allocated = AllocatedKilobytes();
+    }
     void* const module = dlopen(VELMORA_HOST_MODULE, RTLD_NOW | RTLD_LOCAL);
     ASSERT_NE(nullptr, module) << dlerror();
     auto* const use = reinterpret_cast<bool (*)(bool)>(dlsym(module, "UseNetwork"));

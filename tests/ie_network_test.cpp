@@ -160,7 +160,9 @@ TEST_F(IeNetworkTest, RunsWhatTheEngineRuns) {
     SCOPED_TRACE(each.about);
     NetworkConfig config =
         Config(each.batch, {"the.planes", "whole", "split.2", "a_tensor", "sum", "b", "b_tensor"});
-    if (each.batch == 1) config.output_names.push_back("max");  // of the whole batch
+    if (each.batch == 1) {
+      config.output_names.push_back("max");  // of the whole batch
+    }
     config.input_width = each.width;
     config.input_height = each.height;
     ov::serialize(Zoo(each.a, each.type, each.b), "cpu.xml", "cpu.bin",
@@ -174,7 +176,9 @@ TEST_F(IeNetworkTest, RunsWhatTheEngineRuns) {
                             {"split.2", last},      {"a_tensor", last},
                             {"max", {first + 23}},  {"sum", {24 * first + 23 * 12}}};
       expected["b"] = expected["b_tensor"] = std::vector<float>(each.values_of_b);
-      if (each.batch != 1) expected.erase("max");
+      if (each.batch != 1) {
+        expected.erase("max");
+      }
       EXPECT_EQ(expected, results[i]);
     }
   }
@@ -261,7 +265,9 @@ using Lines = std::vector<std::string>;
 Lines TakeLog() {
   Lines lines;
   for (const auto& [priority, text] : test::TakeLog()) {
-    if (text.find("[IeNetwork]") == std::string::npos) continue;  // the record's own
+    if (text.find("[IeNetwork]") == std::string::npos) {
+      continue;  // the record's own
+    }
     lines.push_back(std::to_string(priority) + text.substr(text.find("] ") + 1));
   }
   return lines;

@@ -24,7 +24,9 @@ bool BinaryWalk::IsNext(Level level, const pb::FieldDescriptor& field) {
 bool BinaryWalk::Message(const pb::Descriptor* type, std::string& out, Level level) {
   while (in_.BytesUntilLimit() > 0) {
     std::uint32_t tag = 0;
-    if (!in_.ReadVarint32(&tag)) return false;
+    if (!in_.ReadVarint32(&tag)) {
+      return false;
+    }
     // A zero, or the end of a group that did not begin, ends the whole message; what follows is
     // ignored. Within a message, protobuf takes either for an error.
     if (tag == 0 || WireFormat::GetTagWireType(tag) == WireFormat::WIRETYPE_END_GROUP) {
@@ -36,9 +38,13 @@ bool BinaryWalk::Message(const pb::Descriptor* type, std::string& out, Level lev
     const bool holds_values = level == Level::kBlob && field != nullptr && !is_number &&
                               field->cpp_type() != pb::FieldDescriptor::CPPTYPE_MESSAGE;
     if (field == nullptr || holds_values) {
-      if (!WireFormat::SkipField(&in_, tag)) return false;
+      if (!WireFormat::SkipField(&in_, tag)) {
+        return false;
+      }
     } else if (is_bytes && IsNext(level, *field)) {
-      if (!Nested(tag, field->message_type(), out, level)) return false;
+      if (!Nested(tag, field->message_type(), out, level)) {
+        return false;
+      }
     } else if (!Copy(tag, out)) {
       return false;
     }
@@ -49,11 +55,17 @@ bool BinaryWalk::Message(const pb::Descriptor* type, std::string& out, Level lev
 bool BinaryWalk::Nested(std::uint32_t tag, const pb::Descriptor* type, std::string& outer,
                         Level level) {
   int size = 0;
-  if (!ReadSize(size)) return false;
-  if (++messages_ > kMaxMessages) return TooMuch();
+  if (!ReadSize(size)) {
+    return false;
+  }
+  if (++messages_ > kMaxMessages) {
+    return TooMuch();
+  }
   const auto limit = in_.PushLimit(size);
   std::string copy;
-  if (!Message(type, copy, level == Level::kNet ? Level::kLayer : Level::kBlob)) return false;
+  if (!Message(type, copy, level == Level::kNet ? Level::kLayer : Level::kBlob)) {
+    return false;
+  }
   in_.PopLimit(limit);
   return Append(tag, outer) && Append(copy.size(), outer) && Append(copy, outer);
 }
@@ -75,7 +87,9 @@ bool BinaryWalk::Copy(std::uint32_t tag, std::string& out) {
 }
 
 bool BinaryWalk::CopyBytes(int size, std::string& out) {
-  if (static_cast<std::size_t>(size) > kMaxSkeleton) return TooMuch();
+  if (static_cast<std::size_t>(size) > kMaxSkeleton) {
+    return TooMuch();
+  }
   std::string bytes;
   return in_.ReadString(&bytes, size) && Append(bytes, out);
 }

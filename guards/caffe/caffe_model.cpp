@@ -32,25 +32,37 @@ const char* const kTooMuch = "more than 16 MiB, or 100,000 layers and blobs, bes
 
 // Why OpenCV may not have a model of one file; otherwise writes the description in it to `text`.
 std::string RefusalOf(const File& model, std::string& text) {
-  if (!model.is_open()) return std::generic_category().message(model.error());
-  if (!model.is_regular()) return kNotRegular;
+  if (!model.is_open()) {
+    return std::generic_category().message(model.error());
+  }
+  if (!model.is_regular()) {
+    return kNotRegular;
+  }
   Format format;
   const BinaryWalk walk(model, format.net());
-  if (walk.is_too_much()) return kTooMuch;
+  if (walk.is_too_much()) {
+    return kTooMuch;
+  }
   const auto net = format.NewNet();
   if (!walk.is_message() || !net->ParsePartialFromString(walk.skeleton())) {
     return "not a binary Caffe model";
   }
-  if (!net->IsInitialized()) return "no value of " + net->InitializationErrorString();
+  if (!net->IsInitialized()) {
+    return "no value of " + net->InitializationErrorString();
+  }
   if (std::ranges::none_of(LayersOf(*net),
                            [](const auto* layer) { return Count(*layer, "bottom") > 0; })) {
     return "no layer reads anything: weights of a pair, without the description";
   }
-  if (CountOldest(*net) > 0) return "layers of the oldest form, which have to be upgraded";
+  if (CountOldest(*net) > 0) {
+    return "layers of the oldest form, which have to be upgraded";
+  }
   // As text, what the format lacks would be its numbers, which OpenCV does not read.
   net->DiscardUnknownFields();
   std::string reason = BadModel(*net, *net, model.size());
-  if (reason.empty() && !pb::TextFormat::PrintToString(*net, &text)) reason = "too deeply nested";
+  if (reason.empty() && !pb::TextFormat::PrintToString(*net, &text)) {
+    reason = "too deeply nested";
+  }
   return reason;
 }
 
@@ -64,19 +76,35 @@ std::string RefusalOfCaffePair(const std::string& prototxt_path,
   const auto weights = format.NewNet();
   int size = 0;
   const File text(prototxt_path);
-  if (!text.is_open()) return {};
-  if (!text.is_regular()) return prototxt_path + ": " + kNotRegular;
-  if (IsTooMuchText(text)) return prototxt_path + ": " + kTooMuch;
-  if (!ParseText(text, *description)) return {};
+  if (!text.is_open()) {
+    return {};
+  }
+  if (!text.is_regular()) {
+    return prototxt_path + ": " + kNotRegular;
+  }
+  if (IsTooMuchText(text)) {
+    return prototxt_path + ": " + kTooMuch;
+  }
+  if (!ParseText(text, *description)) {
+    return {};
+  }
 
   if (!caffemodel_path.empty()) {  // otherwise OpenCV makes a network without weights
     const File model(caffemodel_path);
-    if (!model.is_open()) return {};
+    if (!model.is_open()) {
+      return {};
+    }
     size = model.size();
-    if (!model.is_regular()) return caffemodel_path + ": " + kNotRegular;
+    if (!model.is_regular()) {
+      return caffemodel_path + ": " + kNotRegular;
+    }
     const BinaryWalk walk(model, format.net());
-    if (walk.is_too_much()) return caffemodel_path + ": " + kTooMuch;
-    if (!walk.is_message() || !weights->ParsePartialFromString(walk.skeleton())) return {};
+    if (walk.is_too_much()) {
+      return caffemodel_path + ": " + kTooMuch;
+    }
+    if (!walk.is_message() || !weights->ParsePartialFromString(walk.skeleton())) {
+      return {};
+    }
   }
   const std::string reason = BadModel(*description, *weights, size);
   return reason.empty() ? reason : prototxt_path + ": " + reason;
@@ -100,7 +128,9 @@ std::vector<std::int64_t> InputOfCaffeBinary(const std::string& path) {
   Format format;
   const auto net = format.NewNet();
   const File model(path);
-  if (!model.is_open() || !model.is_regular()) return {};
+  if (!model.is_open() || !model.is_regular()) {
+    return {};
+  }
   const BinaryWalk walk(model, format.net());
   return walk.is_message() && net->ParsePartialFromString(walk.skeleton())
              ? InputOf(*net)
@@ -116,7 +146,9 @@ std::vector<std::int64_t> InputOfCaffeBinary(const std::string& path) {
 ::cv::dnn::Net ReadCaffeBinary(const std::string& path) {
   const File model(path);
   std::string text;
-  if (!RefusalOf(model, text).empty()) return {};
+  if (!RefusalOf(model, text).empty()) {
+    return {};
+  }
   // OpenCV takes a description as text only. The weights it finds in the model itself, by the names
   // of the layers.
   const File description(memfd_create("caffe-description", MFD_CLOEXEC));

@@ -60,7 +60,9 @@ std::ptrdiff_t CountOldest(const pb::Message& net) {
 }
 
 bool IsTooMuchText(const File& file) {
-  if (static_cast<std::size_t>(file.size()) > kMaxSkeleton) return true;
+  if (static_cast<std::size_t>(file.size()) > kMaxSkeleton) {
+    return true;
+  }
   pb::io::FileInputStream in(file.fd());
   const void* data = nullptr;
   int size = 0;
@@ -93,7 +95,9 @@ std::vector<std::int64_t> InputOf(const pb::Message& net) {
   }
   for (const pb::Message* layer : LayersOf(net)) {
     const int index = TypeOf(*layer) == "Input" ? IndexOf("data", *layer, "top") : -1;
-    if (index < 0) continue;
+    if (index < 0) {
+      continue;
+    }
     for (const pb::Message* input : MessagesIn(*layer, FieldOf(*layer, "input_param"))) {
       return ShapeIn(*input, "shape", std::min(index, Count(*input, "shape") - 1));
     }

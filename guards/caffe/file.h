@@ -23,7 +23,9 @@ class File {
     error_ = errno;
   }
   ~File() {
-    if (fd_ >= 0) close(fd_);
+    if (fd_ >= 0) {
+      close(fd_);
+    }
   }
   File(const File&) = delete;
   File& operator=(const File&) = delete;

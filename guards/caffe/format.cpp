@@ -36,7 +36,9 @@ std::vector<const pb::Message*> MessagesIn(const pb::Message& message,
                                            const pb::FieldDescriptor* field) {
   const pb::Reflection& reflection = *message.GetReflection();
   std::vector<const pb::Message*> messages;
-  if (field->cpp_type() != pb::FieldDescriptor::CPPTYPE_MESSAGE) return messages;
+  if (field->cpp_type() != pb::FieldDescriptor::CPPTYPE_MESSAGE) {
+    return messages;
+  }
   for (int i = 0; i < Count(message, field); ++i) {
     messages.push_back(field->is_repeated() ? &reflection.GetRepeatedMessage(message, field, i)
                                             : &reflection.GetMessage(message, field));
@@ -71,7 +73,9 @@ std::vector<std::int64_t> NumbersIn(const pb::Message& message, const pb::FieldD
 
 std::string TextIn(const pb::Message& message, const std::string& name) {
   const pb::FieldDescriptor* field = FieldOf(message, name);
-  if (Count(message, field) == 0) return {};
+  if (Count(message, field) == 0) {
+    return {};
+  }
   const pb::Reflection& reflection = *message.GetReflection();
   return field->enum_type() == nullptr
              ? reflection.GetString(message, field)

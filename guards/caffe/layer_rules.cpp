@@ -42,7 +42,9 @@ std::int64_t ValuesOf(const pb::Message& blob) {
   for (const std::int64_t dim : dims) {
     count = std::min(count * static_cast<std::int64_t>(static_cast<std::int32_t>(dim)),
                      std::int64_t{INT_MAX} + 1);
-    if (count < 0) return 1;  // OpenCV refuses it
+    if (count < 0) {
+      return 1;  // OpenCV refuses it
+    }
   }
   return count;
 }
@@ -52,9 +54,13 @@ std::int64_t ValuesOf(const pb::Message& blob) {
 std::string KeyOf(const std::string& type) {
   std::string key;
   for (const char c : type) {
-    if (c != '_') key += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    if (c != '_') {
+      key += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    }
   }
-  if (key.ends_with("int8")) key.resize(key.size() - 4);
+  if (key.ends_with("int8")) {
+    key.resize(key.size() - 4);
+  }
   return key == "conv" ? "convolution" : key == "pool" ? "pooling" : key;
 }
 
@@ -106,7 +112,9 @@ std::string NewNameOf(const std::string& old_type) {
   bool is_first = true;
   for (const char c : old_type) {
     const auto letter = static_cast<unsigned char>(c);
-    if (c != '_') name += static_cast<char>(is_first ? std::toupper(letter) : std::tolower(letter));
+    if (c != '_') {
+      name += static_cast<char>(is_first ? std::toupper(letter) : std::tolower(letter));
+    }
     is_first = c == '_';
   }
   return name;
@@ -126,7 +134,9 @@ std::string BadLayer(const pb::Message& layer, const std::vector<const pb::Messa
              "data from an Input layer, not from those of its training";
     }
   }
-  if (bottoms < needs.min_bottoms) return "has no bottom, which it must have";
+  if (bottoms < needs.min_bottoms) {
+    return "has no bottom, which it must have";
+  }
   if (bottoms > needs.max_bottoms) {
     return "has " + Plural(bottoms, "bottom") + ", of at most " + std::to_string(needs.max_bottoms);
   }
@@ -142,7 +152,9 @@ std::string BadLayer(const pb::Message& layer, const std::vector<const pb::Messa
     if (values > most_values) {
       return "claims more values in blob " + std::to_string(i) + " than the file can carry";
     }
-    if (values < needs.min_values) return "has no values in blob " + std::to_string(i);
+    if (values < needs.min_values) {
+      return "has no values in blob " + std::to_string(i);
+    }
   }
   if (!needs.number.empty() && NumbersOf(layer, needs.number).empty()) {
     return "has no " + std::string(needs.number) + ", which it must have";
@@ -164,13 +176,17 @@ std::string Quotable(const std::string& text) {
 std::string BadModel(const pb::Message& description, const pb::Message& weights, int size) {
   for (const pb::Message* net : {&description, &weights}) {
     const auto oldest = CountOldest(*net);
-    if (oldest > 0 && oldest < std::ssize(LayersOf(*net))) return "mixes two forms of layers";
+    if (oldest > 0 && oldest < std::ssize(LayersOf(*net))) {
+      return "mixes two forms of layers";
+    }
   }
   // As OpenCV goes about it: a layer takes the blobs of the first of its name that still has any.
   // Those of other layers are not looked at.
   std::multimap<std::string, const pb::Message*> layers_with_blobs;
   for (const pb::Message* layer : LayersOf(weights)) {
-    if (Count(*layer, "blobs") > 0) layers_with_blobs.emplace(NameOf(*layer), layer);
+    if (Count(*layer, "blobs") > 0) {
+      layers_with_blobs.emplace(NameOf(*layer), layer);
+    }
   }
   for (const pb::Message* layer : LayersOf(description)) {
     std::vector<const pb::Message*> blobs;

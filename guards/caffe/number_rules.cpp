@@ -40,9 +40,12 @@ constexpr NumberLimit kNumberLimits[] = {
 void AddNumbers(const pb::Message& message, std::string_view name,
                 std::vector<std::int64_t>& numbers) {
   for (const pb::FieldDescriptor* field : FieldsIn(message)) {
-    for (const pb::Message* inner : MessagesIn(message, field)) AddNumbers(*inner, name, numbers);
-    if (field->name() == name)
+    for (const pb::Message* inner : MessagesIn(message, field)) {
+      AddNumbers(*inner, name, numbers);
+    }
+    if (field->name() == name) {
       std::ranges::copy(NumbersIn(message, field), std::back_inserter(numbers));
+    }
   }
 }
 
@@ -61,12 +64,16 @@ std::string BadNumber(const pb::Message& layer, const std::string& type) {
     return std::string(name) + " is " + std::to_string(number) + ", ";
   };
   for (const NumberLimit& limit : kNumberLimits) {
-    if (!limit.layer_type.empty() && limit.layer_type != type) continue;
+    if (!limit.layer_type.empty() && limit.layer_type != type) {
+      continue;
+    }
     const std::vector<std::int64_t> numbers = NumbersOf(layer, limit.name);
     const std::int64_t max =
         limit.max == kBelowCount ? static_cast<std::int64_t>(numbers.size()) - 1 : limit.max;
     for (const std::int64_t number : numbers) {
-      if (number >= limit.min && number <= max) continue;
+      if (number >= limit.min && number <= max) {
+        continue;
+      }
       return is(limit.name, number) + "which must be " + std::to_string(limit.min) + " to " +
              std::to_string(max);
     }
@@ -75,12 +82,16 @@ std::string BadNumber(const pb::Message& layer, const std::string& type) {
   if (type == "pooling") {
     for (const char* const name : {"kernel_size", "kernelsize"}) {  // new forms and the oldest
       for (const std::int64_t side : NumbersOf(layer, name)) {
-        if (!FitInInt(side, side)) return is(name, side) + "too large for an area";
+        if (!FitInInt(side, side)) {
+          return is(name, side) + "too large for an area";
+        }
       }
     }
     for (const std::int64_t height : NumbersOf(layer, "kernel_h")) {
       for (const std::int64_t width : NumbersOf(layer, "kernel_w")) {
-        if (FitInInt(height, width)) continue;
+        if (FitInInt(height, width)) {
+          continue;
+        }
         return is("kernel_h", height) + is("kernel_w", width) + "too large for an area";
       }
     }
@@ -88,7 +99,9 @@ std::string BadNumber(const pb::Message& layer, const std::string& type) {
     for (const std::int64_t dilation : NumbersOf(layer, "dilation")) {
       for (const char* const name : {"kernel_size", "kernel_h", "kernel_w"}) {
         for (const std::int64_t size : NumbersOf(layer, name)) {
-          if (FitInInt(dilation, size)) continue;
+          if (FitInInt(dilation, size)) {
+            continue;
+          }
           return is("dilation", dilation) + is(name, size) + "too large together";
         }
       }

@@ -155,9 +155,10 @@ std::string RefusalOfGraphs(const char* data) {
   const auto& graphs = *model.subgraphs();
   std::vector<int> depths(graphs.size());
   for (flatbuffers::uoffset_t i = 0; i < graphs.size(); ++i) {
-    const Reason reason = i == 0 && DepthOf(model, 0, 0, depths) > kDeepest
-                            ? fmt::format("graphs in it run each other more than {} deep", kDeepest)
-                            : LookAtGraph(model, *graphs[i], i == 0);
+    const Reason reason =
+        i == 0 && DepthOf(model, 0, 0, depths) > kDeepest
+            ? fmt::format("graphs in it run each other more than {} deep", kDeepest)
+            : LookAtGraph(model, *graphs[i], i == 0);
     if (!reason.empty()) {
       return fmt::format("graph {}, {}", i, reason);
     }

@@ -123,7 +123,7 @@ Reason LookAtScales(const Step& step) {
 
 /// A convolution's padding, and its strides and dilations, for which the engine has 16 bits.
 Reason LookAtConvolution(const Step& step, format::Padding padding,
-                        std::initializer_list<std::int32_t> steps) {
+                         std::initializer_list<std::int32_t> steps) {
   if (padding != format::Padding::SAME && padding != format::Padding::VALID) {
     return "its padding must be SAME or VALID";
   }

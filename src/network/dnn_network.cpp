@@ -4,8 +4,8 @@
 #include <opencv2/dnn.hpp>
 #include <utility>
 
-#include "network/log.h"
 #include "caffe/caffe_model.h"
+#include "network/log.h"
 
 namespace velmora::plugin::network {
 

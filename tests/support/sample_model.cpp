@@ -11,7 +11,9 @@ namespace {
 
 std::vector<float> Floats(const Json::Value& array) {
   std::vector<float> values;
-  for (const Json::Value& value : array) values.push_back(value.asFloat());
+  for (const Json::Value& value : array) {
+    values.push_back(value.asFloat());
+  }
   return values;
 }
 
@@ -33,7 +35,9 @@ SampleModel::SampleModel() {
     cv::multiply(pixels, cv::Scalar(scale[0], scale[1], scale[2]), pixels);
     images.push_back(pixels);
   }
-  for (const Json::Value& values : reference["prob"]) prob.push_back(Floats(values));
+  for (const Json::Value& values : reference["prob"]) {
+    prob.push_back(Floats(values));
+  }
   for (const Json::Value& values : reference["features"]["values"]) {
     features.push_back(Floats(values));
   }
