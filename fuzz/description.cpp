@@ -1,9 +1,9 @@
-// The program's MODEL.json: a description, or a fault that can be shown to the user.
+// The program's MODEL.json: a description, or an error that can be shown to the user.
 #include "description.h"
 
 #include <json/json.h>
 
-#include "common.h"
+#include "common/text.h"
 #include "support.h"
 
 using namespace velmora;
@@ -14,10 +14,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   try {
     const tool::Model model = tool::ReadDescription(file.path());
     fuzz::Require(!model.config.output_names.empty() && model.size.area() > 0, "is complete");
-  } catch (const std::runtime_error& fault) {
-    fuzz::Require(!tool::OneLine(fault.what()).empty(), "says what is wrong");
-  } catch (const Json::RuntimeError& fault) {  // nested too deeply
-    fuzz::Require(!tool::OneLine(fault.what()).empty(), "says what is wrong");
+  } catch (const std::runtime_error& error) {
+    fuzz::Require(!tool::OneLine(error.what()).empty(), "says what is wrong");
+  } catch (const Json::RuntimeError& error) {  // nested too deeply
+    fuzz::Require(!tool::OneLine(error.what()).empty(), "says what is wrong");
   }
   return 0;
 }

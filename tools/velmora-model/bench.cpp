@@ -4,6 +4,7 @@
 #include <json/json.h>
 #include <sys/utsname.h>
 
+#include <CLI/Option.hpp>
 #include <algorithm>
 #include <chrono>
 #include <ctime>
@@ -16,11 +17,13 @@
 
 #include "child_process.h"
 #include "commands.h"
-#include "common.h"
+#include "common/console.h"
+#include "common/text.h"
+#include "errors.h"
 #include "images.h"
 #include "model.h"
 #include "options.h"
-#include "statistics.h"
+#include "summary.h"
 
 namespace velmora::tool {
 
@@ -126,7 +129,7 @@ std::vector<double> Measure(const BenchOptions& options, const Model& model,
       batch.push_back(input[next++ % input.size()]);
     }
     double seconds = 0;
-    Forward(model, batch, &seconds);
+    RunNetwork(model, batch, &seconds);
     if (i >= options.warmup) {
       latencies.push_back(seconds * 1000);
     }
@@ -144,11 +147,7 @@ Json::Value ToJson(const Held& held) {
 }
 
 Json::Value ToJson(const Report& report, const BenchOptions& options, const Model& model) {
-  Json::Value document;
-  document["model"] = JsonText(model.name);
-  document["engine"] = model.engine.name;
-  document["device"] = model.engine.device();
-  document["why"] = model.engine.why;
+  Json::Value document = ToJson(model);
   document["iterations"] = options.iterations;
   document["warmup"] = options.warmup;
   document["batch"] = options.batch;
@@ -263,7 +262,9 @@ void AddBench(CLI::App* program, int* status) {
   CLI::Option* const batch =
       AddNumber(command, "--batch", &options->batch, "N", 1, 4096, "Images in a run [1]");
   AddJson(command, &options->json);
-  Exclude(transcode, {images, iterations, warmup, batch});
+  for (CLI::Option* const other : {images, iterations, warmup, batch}) {
+    transcode->excludes(other);
+  }
 }
 
 }  // namespace velmora::tool

@@ -12,12 +12,15 @@
 
 #include "child_process.h"
 #include "commands.h"
-#include "common.h"
+#include "common/console.h"
+#include "common/text.h"
 #include "description.h"
+#include "errors.h"
+#include "files.h"
 #include "images.h"
 #include "model.h"
 #include "options.h"
-#include "outputs.h"
+#include "summary.h"
 
 namespace velmora::tool {
 

@@ -7,11 +7,13 @@
 #include <optional>
 
 #include "commands.h"
-#include "common.h"
+#include "common/console.h"
+#include "common/text.h"
+#include "errors.h"
 #include "images.h"
 #include "model.h"
 #include "options.h"
-#include "statistics.h"
+#include "summary.h"
 
 namespace velmora::tool {
 

@@ -11,7 +11,8 @@
 #include <memory>
 #include <string_view>
 
-#include "common.h"
+#include "common/text.h"
+#include "files.h"
 
 namespace velmora::tool {
 

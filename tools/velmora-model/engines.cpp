@@ -9,8 +9,9 @@
 
 #include <stdexcept>
 
-#include "common.h"
 #include "common/backends.h"
+#include "errors.h"
+#include "files.h"
 
 namespace velmora::tool {
 

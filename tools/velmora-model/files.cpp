@@ -1,43 +1,27 @@
-#include "common.h"
+#include "files.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
-#include <velmora/plugin/network/base_network.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
-#include <new>
-#include <opencv2/core.hpp>
-#include <sstream>
 #include <stdexcept>
 
 namespace velmora::tool {
 
-namespace {
-
-std::string Error() {
-  try {
-    throw;
-  } catch (const plugin::network::Exception& exception) {
-    return exception.message;
-  } catch (const cv::Exception& exception) {
-    const bool assertion = exception.code == cv::Error::StsAssert;
-    return Squeeze((assertion ? "OpenCV: failed assertion " : "OpenCV: ") + exception.err);
-  } catch (const std::filesystem::filesystem_error& error) {
-    return error.code().message();
-  } catch (const std::bad_alloc&) {
-    return "not enough memory";
-  } catch (const std::exception& exception) {
-    return Squeeze(exception.what());
-  } catch (...) {
-    return "unknown failure";
-  }
+std::filesystem::path NormalPath(const std::filesystem::path& path) {
+  return (std::filesystem::current_path() / path).lexically_normal();
 }
 
-}  // namespace
+std::string LowerExtension(const std::filesystem::path& path) {
+  std::string extension = path.extension().string();
+  std::transform(extension.begin(), extension.end(), extension.begin(), [](char c) {
+    return 'A' <= c && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+  });
+  return extension;
+}
 
 void CheckReadable(const std::string& path) {
   struct stat status {};
@@ -62,15 +46,6 @@ std::string ReadFile(const std::string& path) {
   return text;
 }
 
-std::string Squeeze(const std::string& text) {
-  std::istringstream words(text);
-  std::string squeezed;
-  for (std::string word; words >> word;) {
-    squeezed += (squeezed.empty() ? "" : " ") + word;
-  }
-  return squeezed;
-}
-
 bool WriteAll(int file, std::string_view bytes) {
   while (!bytes.empty()) {
     const ssize_t count = write(file, bytes.data(), bytes.size());
@@ -80,12 +55,6 @@ bool WriteAll(int file, std::string_view bytes) {
     bytes.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
   }
   return true;
-}
-
-std::string CurrentError(const std::function<std::string()>& reason) {
-  std::string error = Error();
-  const std::string why = reason != nullptr ? reason() : "";
-  return error.find(why) != std::string::npos ? error : error + ": " + why;
 }
 
 }  // namespace velmora::tool

@@ -6,33 +6,21 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cmath>
 #include <filesystem>
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 #include <set>
-#include <sstream>
 #include <stdexcept>
-#include <string_view>
 #include <system_error>
+
+#include "errors.h"
+#include "files.h"
 
 namespace velmora::tool {
 
 namespace {
 
 namespace fs = std::filesystem;
-
-/// An image's place without regard to how it was written, symbolic links left as they are: two
-/// links to one file may have two truths.
-fs::path Normal(const fs::path& path) { return (fs::current_path() / path).lexically_normal(); }
-
-std::string LowerExtension(const fs::path& path) {
-  std::string extension = path.extension().string();
-  std::transform(extension.begin(), extension.end(), extension.begin(), [](char c) {
-    return 'A' <= c && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-  });
-  return extension;
-}
 
 /// By the name, and not by whether it decodes: a damaged image must be reported, not passed over.
 bool IsImageName(const fs::path& path) {
@@ -142,74 +130,6 @@ cv::Mat Middle(const cv::Mat& image, const Model& model) {
       {(image.cols - size.width) / 2, (image.rows - size.height) / 2, size.width, size.height});
 }
 
-/// The fields of one line of CSV.
-std::vector<std::string> SplitCsv(std::string_view line) {
-  std::vector<std::string> fields(1);
-  bool quoted = false;
-  for (std::size_t i = 0; i < line.size(); ++i) {
-    if (line[i] == '"' && quoted && line.substr(i + 1).starts_with('"')) {
-      fields.back() += '"';
-      ++i;
-    } else if (line[i] == '"') {
-      quoted = !quoted;
-    } else if (line[i] == ',' && !quoted) {
-      fields.emplace_back();
-    } else {
-      fields.back() += line[i];
-    }
-  }
-  if (quoted) {
-    throw std::runtime_error("a quotation mark is not closed");
-  }
-  return fields;
-}
-
-/// Folder and name of a file.
-using Place = std::pair<std::string, std::string>;
-
-Place PlaceOf(const fs::path& path) {
-  const fs::path normal = Normal(path);
-  return {normal.parent_path().string(), normal.filename().string()};
-}
-
-/// Reads one truth file; `*number` is the line that it is at. With `any_folder`, a bare name has no
-/// folder.
-std::map<Place, std::string> ReadTruth(const std::string& path, bool any_folder,
-                                       const std::vector<std::string>& labels,
-                                       std::size_t* number) {
-  std::map<Place, std::string> truth;
-  std::istringstream text(ReadFile(path));
-  for (std::string line; std::getline(text, line);) {
-    ++*number;
-    if (*number == 1 && line.starts_with("\xEF\xBB\xBF")) {  // spreadsheets mark their UTF-8
-      line.erase(0, 3);
-    }
-    if (line.ends_with('\r')) {
-      line.pop_back();
-    }
-    const std::vector<std::string> fields = SplitCsv(line);
-    if (*number == 1) {
-      if (line != "file,label") {
-        throw std::runtime_error("expected the header \"file,label\"");
-      }
-    } else if (!line.empty()) {
-      if (fields.size() != 2 || fields[0].empty()) {
-        throw std::runtime_error("expected a file and a label");
-      }
-      if (std::find(labels.begin(), labels.end(), fields[1]) == labels.end()) {
-        throw std::runtime_error(fmt::format("the model has no label \"{}\"", fields[1]));
-      }
-      const bool bare = any_folder && fields[0].find('/') == std::string::npos;
-      const Place place =
-          bare ? Place("", fields[0]) : PlaceOf(fs::path(path).parent_path() / fields[0]);
-      if (!truth.emplace(place, fields[1]).second) {
-        throw std::runtime_error(fmt::format("\"{}\" is listed twice", fields[0]));
-      }
-    }
-  }
-  return truth;
-}
-
 }  // namespace
 
 std::vector<std::string> ListImages(const std::vector<std::string>& named, Console* console) {
@@ -226,7 +146,7 @@ std::vector<std::string> ListImages(const std::vector<std::string>& named, Conso
       continue;
     }
     for (std::string& image : found) {
-      if (listed.insert(Normal(image)).second) {
+      if (listed.insert(NormalPath(image)).second) {
         images.push_back(std::move(image));
       }
     }
@@ -278,87 +198,6 @@ cv::Mat Prepare(const cv::Mat& image, const Model& model) {
   cv::subtract(prepared, model.mean, prepared);
   cv::multiply(prepared, model.scale, prepared);
   return prepared;
-}
-
-std::map<std::string, std::string> FindTruth(const std::vector<std::string>& images,
-                                             const std::string& file,
-                                             const std::vector<std::string>& labels,
-                                             Console* console) {
-  std::set<std::string> files;
-  if (!file.empty()) {
-    files.insert(file);
-  }
-  for (const std::string& image : images) {
-    const fs::path beside = fs::path(image).parent_path() / "truth.csv";
-    std::error_code ignored;
-    if (file.empty() && fs::exists(beside, ignored)) {
-      files.insert(beside.string());
-    }
-  }
-  std::map<Place, std::string> known;
-  for (const std::string& path : files) {
-    std::size_t line = 0;
-    try {
-      known.merge(ReadTruth(path, !file.empty(), labels, &line));
-    } catch (...) {
-      console->Error(line > 0 ? fmt::format("{}:{}", path, line) : path, CurrentError());
-    }
-  }
-  std::map<std::string, std::string> truth;
-  for (const std::string& image : images) {
-    const Place place = PlaceOf(image);
-    for (const Place& key : {place, Place("", place.second)}) {
-      if (const auto found = known.find(key); found != known.end()) {
-        truth.emplace(image, found->second);
-      }
-    }
-  }
-  if (!file.empty() && !known.empty() && truth.empty()) {
-    console->Error(file, "names none of the images");
-  }
-  return truth;
-}
-
-Annotator::Annotator(std::string folder, const std::vector<std::string>& images)
-    : folder_(std::move(folder), images) {}
-
-void Annotator::Write(const std::string& path, const cv::Mat& image,
-                      const std::vector<std::string>& lines, const cv::Scalar& colour) {
-  constexpr int kReadable = 192;  // pixels of the longer side
-  constexpr int kFont = cv::FONT_HERSHEY_SIMPLEX;
-
-  cv::Mat picture;
-  const int longer_side = std::max(image.cols, image.rows);
-  const int factor = (kReadable + longer_side - 1) / longer_side;
-  cv::resize(image, picture, cv::Size(), factor, factor, cv::INTER_NEAREST);
-  if (picture.channels() == 1) {
-    cv::cvtColor(picture, picture, cv::COLOR_GRAY2BGR);
-  }
-
-  const double font_scale = std::max(0.5, longer_side / 1000.0);
-  const int thickness = static_cast<int>(std::lround(font_scale + 0.5));
-  const int line_height = static_cast<int>(std::lround(36 * font_scale));
-  const int margin = line_height / 4;
-  int width = picture.cols;
-  for (const std::string& line : lines) {
-    width = std::max(
-        width, cv::getTextSize(line, kFont, font_scale, thickness, nullptr).width + 2 * margin);
-  }
-  const int below = line_height * static_cast<int>(lines.size()) + margin;
-  cv::Mat canvas;
-  cv::copyMakeBorder(picture, canvas, 0, below, 0, width - picture.cols, cv::BORDER_CONSTANT);
-  for (std::size_t i = 0; i < lines.size(); ++i) {
-    const int baseline = picture.rows + line_height * static_cast<int>(i + 1) - margin;
-    cv::putText(canvas, lines[i], {margin, baseline}, kFont, font_scale, colour, thickness,
-                cv::LINE_AA);
-  }
-
-  const fs::path name = fs::path(path).filename();
-  const bool is_png = LowerExtension(name) == ".png";
-  std::vector<unsigned char> bytes;
-  cv::imencode(".png", canvas, bytes);
-  folder_.Write((is_png ? name.stem() : name).string(), is_png ? name.extension().string() : ".png",
-                {reinterpret_cast<const char*>(bytes.data()), bytes.size()});
 }
 
 }  // namespace velmora::tool

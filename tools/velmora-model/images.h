@@ -1,15 +1,12 @@
-// Image files: which there are, reading and preparing them, their truth, and pictures of the
-// answers.
+// Image files: which there are, and reading and preparing them.
 #pragma once
 
-#include <map>
 #include <opencv2/core.hpp>
 #include <string>
 #include <vector>
 
-#include "common.h"
+#include "common/console.h"
 #include "model.h"
-#include "output_folder.h"
 
 namespace velmora::tool {
 
@@ -27,29 +24,5 @@ cv::Mat MadeUpImage(const Model& model);
 
 /// What the network takes for an image of ReadImage().
 cv::Mat Prepare(const cv::Mat& image, const Model& model);
-
-/// The right label of each image whose truth is known. It comes from `file`, or when that is empty
-/// from the truth.csv of each image's folder, where there is one: CSV with the header "file,label".
-/// A bare name in a truth.csv is an image of its folder, in `file` any image of that name; a name
-/// with a slash is a path from the truth file's folder. A truth file with an error is an error on
-/// the console, and none of it is used.
-std::map<std::string, std::string> FindTruth(const std::vector<std::string>& images,
-                                             const std::string& file,
-                                             const std::vector<std::string>& labels,
-                                             Console* console);
-
-/// Writes images with their answers below them into a folder, as PNG files.
-class Annotator {
- public:
-  /// Makes the folder if it is missing. Throws std::filesystem::filesystem_error.
-  Annotator(std::string folder, const std::vector<std::string>& images);
-
-  /// Throws as OutputFolder::Write() does.
-  void Write(const std::string& path, const cv::Mat& image, const std::vector<std::string>& lines,
-             const cv::Scalar& colour);
-
- private:
-  OutputFolder folder_;
-};
 
 }  // namespace velmora::tool

@@ -11,7 +11,8 @@
 #include <string>
 
 #include "caffe/caffe_model.h"
-#include "common.h"
+#include "errors.h"
+#include "files.h"
 #if VELMORA_HAS_INFERENCE_ENGINE
 #include <inference_engine.hpp>
 #endif

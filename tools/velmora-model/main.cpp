@@ -2,14 +2,15 @@
 
 #include <fmt/format.h>
 
-#include <CLI/CLI.hpp>
-#include <algorithm>
+#include <CLI/App.hpp>
 #include <clocale>
 #include <cstdlib>
 #include <opencv2/core/utils/logger.hpp>
 
 #include "commands.h"
-#include "common.h"
+#include "common/command_line.h"
+#include "common/console.h"
+#include "errors.h"
 #include "model.h"
 #include "options.h"
 #include "protobuf_log.h"
@@ -26,39 +27,21 @@ void SilenceEngines() {
 }
 
 int RunProgram(std::vector<std::string> arguments) {
-  CLI::App app("Runs image-recognition models.", VELMORA_PROGRAM);
-  app.get_formatter()->column_width(24);
-  app.require_subcommand(1);
-  app.set_help_flag("-h,--help", "Print this help and exit");
-  app.set_version_flag("--version", fmt::format("velmora-model {}", VELMORA_VERSION),
-                       "Print the version and exit");
-  app.footer(fmt::format("\n\"velmora-model COMMAND --help\" tells more.\n\n{}\n{}", kExamples,
-                         kStatusHelp));
+  CLI::App program("Runs image-recognition models.", VELMORA_PROGRAM);
+  SetUp(&program);
+  program.footer(fmt::format("\n\"velmora-model COMMAND --help\" tells more.\n\n{}\n{}", kExamples,
+                             kStatusHelp));
   int status = kDone;
   for (auto* const add : {AddRun, AddBench, AddCompare, AddOutputs, AddCheck}) {
-    add(&app, &status);
+    add(&program, &status);
   }
-
   // The parser takes "[a]" for a list, behind "--" too.
   for (std::string& argument : arguments) {
     if (argument.starts_with('[')) {
       argument.insert(0, "./");
     }
   }
-  std::reverse(arguments.begin(), arguments.end());  // as the parser wants them
-  try {
-    app.parse(std::move(arguments));
-  } catch (const CLI::CallForHelp&) {
-    Print(app.help());
-    return kDone;
-  } catch (const CLI::CallForVersion& version) {
-    Print(fmt::format("{}\n", version.what()));
-    return kDone;
-  } catch (const CLI::ParseError& error) {
-    Console().Say(fmt::format("{}; see velmora-model --help", error.what()));
-    return kWrongUsage;
-  }
-  return status;
+  return Parse(&program, std::move(arguments)).value_or(status);
 }
 
 }  // namespace

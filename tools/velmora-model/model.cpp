@@ -7,8 +7,9 @@
 #include <cmath>
 #include <numeric>
 
-#include "common.h"
+#include "common/text.h"
 #include "description.h"
+#include "errors.h"
 
 namespace velmora::tool {
 
@@ -33,13 +34,6 @@ void CheckInput(const Model& model) {
   throw std::runtime_error(
       fmt::format("image: {}, but {} takes {}", say(model.size.width, model.size.height, channels),
                   model.engine.files[0], say(input.width, input.height, input.channels)));
-}
-
-void CheckCount(const Model& model, std::size_t count) {
-  if (count == 0 || (!model.labels.empty() && count != model.labels.size())) {
-    throw std::runtime_error(fmt::format("output \"{}\" has {} values, and there are {} labels",
-                                         model.engine.outputs[0], count, model.labels.size()));
-  }
 }
 
 /// Nobody says that the answers of a network without labels are such: it may be a detector.
@@ -76,10 +70,10 @@ void TryNetwork(Model* model, Use use) {
       CheckUnlabelled(*model, image, answer);
     }
     if (use != Use::kAny && (use != Use::kAnswerToLabels || model->labelled)) {
-      CheckCount(*model, count);
-      while (model->labels.size() < count) {
+      while (!model->labelled && model->labels.size() < count) {
         model->labels.push_back(std::to_string(model->labels.size()));
       }
+      AnswerOf(*model, outputs);
     }
     if (model->engine.backend == Backend::kTfLite) {
       const std::size_t holds = Product(model->engine.output_shapes(image)["output"]);
@@ -94,6 +88,16 @@ void TryNetwork(Model* model, Use use) {
     throw std::runtime_error(fmt::format("{}: the network does not fit this description: {}",
                                          model->engine.files[0],
                                          CurrentError(model->engine.reason)));
+  }
+}
+
+/// What `load` returns; its errors begin with the path.
+template <typename Load>
+auto NamingFile(const std::string& path, Load load) {
+  try {
+    return load();
+  } catch (...) {
+    throw ModelError(path + ": " + CurrentError());
   }
 }
 
@@ -116,34 +120,26 @@ std::string WhyNoProbabilities(const Model& model, const std::vector<float>& val
 }
 
 Model LoadModel(const std::string& path, std::optional<Backend> backend, Use use) {
-  try {
+  return NamingFile(path, [&] {
     Model model = ReadDescription(path);
     model.engine = MakeEngine(model.config, backend);
     TryNetwork(&model, use);
     return model;
-  } catch (...) {
-    throw ModelError(path + ": " + CurrentError());
-  }
+  });
 }
 
 Model LoadForm(const std::string& path, const Form& form, Use use) {
-  try {
+  return NamingFile(path, [&] {
     Model model = ReadDescription(path);
     model.engine = MakeEngine(form);
     TryNetwork(&model, use);
     return model;
-  } catch (...) {
-    throw ModelError(path + ": " + CurrentError());
-  }
+  });
 }
 
 std::vector<Form> ListForms(const std::string& path,
                             const std::function<void(const std::string&)>& left_out) {
-  try {
-    return ListForms(ReadDescription(path).config, left_out);
-  } catch (...) {
-    throw ModelError(path + ": " + CurrentError());
-  }
+  return NamingFile(path, [&] { return ListForms(ReadDescription(path).config, left_out); });
 }
 
 std::vector<OutputMap> RunNetwork(const Model& model, const std::vector<cv::Mat>& images,
@@ -160,15 +156,23 @@ std::vector<OutputMap> RunNetwork(const Model& model, const std::vector<cv::Mat>
   return outputs;
 }
 
-std::vector<std::vector<float>> Forward(const Model& model, const std::vector<cv::Mat>& images,
-                                        double* seconds) {
-  std::vector<std::vector<float>> answers;
-  for (OutputMap& output : RunNetwork(model, images, seconds)) {
-    std::vector<float>& values = output[model.engine.outputs[0]];
-    CheckCount(model, values.size());
-    answers.push_back(std::move(values));
+const std::vector<float>& AnswerOf(const Model& model, const OutputMap& outputs) {
+  const std::vector<float>& values = outputs.at(model.engine.outputs[0]);
+  if (values.empty() || values.size() != model.labels.size()) {
+    throw std::runtime_error(fmt::format("output \"{}\" has {} values, and there are {} labels",
+                                         model.engine.outputs[0], values.size(),
+                                         model.labels.size()));
   }
-  return answers;
+  return values;
+}
+
+Json::Value ToJson(const Model& model) {
+  Json::Value document;
+  document["model"] = JsonText(model.name);
+  document["engine"] = model.engine.name;
+  document["device"] = model.engine.device();
+  document["why"] = model.engine.why;
+  return document;
 }
 
 }  // namespace velmora::tool

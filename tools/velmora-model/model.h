@@ -1,6 +1,7 @@
 // A model: its description in a MODEL.json, and the network that is loaded from it.
 #pragma once
 
+#include <json/json.h>
 #include <velmora/plugin/network/base_network.h>
 
 #include <functional>
@@ -10,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "common.h"
+#include "common/console.h"
 #include "engines.h"
 
 namespace velmora::tool {
@@ -73,8 +74,10 @@ std::vector<plugin::network::OutputMap> RunNetwork(const Model& model,
 /// add up to 1: labels may hold together.
 std::string WhyNoProbabilities(const Model& model, const std::vector<float>& values);
 
-/// The values for the labels, as RunNetwork().
-std::vector<std::vector<float>> Forward(const Model& model, const std::vector<cv::Mat>& images,
-                                        double* seconds);
+/// The values for the labels. Throws std::runtime_error unless there is one for each.
+const std::vector<float>& AnswerOf(const Model& model, const plugin::network::OutputMap& outputs);
+
+/// What the documents of all commands begin with: the model's name, the engine, its device and why.
+Json::Value ToJson(const Model& model);
 
 }  // namespace velmora::tool

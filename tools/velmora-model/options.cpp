@@ -54,10 +54,4 @@ void AddJson(CLI::App* command, bool* json) {
   command->add_flag("--json", *json, "Print one JSON document instead of a table");
 }
 
-void Exclude(CLI::Option* option, std::initializer_list<CLI::Option*> others) {
-  for (CLI::Option* const other : others) {
-    option->excludes(other);
-  }
-}
-
 }  // namespace velmora::tool

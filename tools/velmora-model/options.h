@@ -2,7 +2,6 @@
 #pragma once
 
 #include <functional>
-#include <initializer_list>
 #include <optional>
 #include <string>
 #include <vector>
@@ -42,8 +41,5 @@ CLI::Option* AddText(CLI::App* command, const char* name, std::string* value, co
                      const char* help);
 CLI::Option* AddNumber(CLI::App* command, const char* name, int* value, const char* type, int least,
                        int most, const char* help);
-
-/// It is wrong usage to give one of the others too.
-void Exclude(CLI::Option* option, std::initializer_list<CLI::Option*> others);
 
 }  // namespace velmora::tool

@@ -10,7 +10,7 @@
 #include <filesystem>
 #include <stdexcept>
 
-#include "common.h"
+#include "files.h"
 
 namespace velmora::tool {
 

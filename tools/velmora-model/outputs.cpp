@@ -1,27 +1,27 @@
-#include "outputs.h"
-
 #include <fmt/ranges.h>
 
 #include <algorithm>
-#include <cmath>
+#include <bit>
+#include <cctype>
 #include <filesystem>
 #include <memory>
 #include <optional>
+#include <span>
 
+#include "batch.h"
 #include "commands.h"
-#include "common.h"
+#include "common/console.h"
+#include "common/text.h"
 #include "images.h"
 #include "model.h"
-#include "npy.h"
 #include "options.h"
-#include "output_folder.h"
+#include "summary.h"
 
 namespace velmora::tool {
 
 namespace {
 
 namespace fs = std::filesystem;
-using plugin::network::OutputMap;
 
 constexpr char kHelp[] = R"(For networks whose answer is not one probability for each label, such as
 detectors. Prints of each output the number of values, the least, the mean and
@@ -81,25 +81,41 @@ void PrintTable(const std::vector<Result>& results) {
   }
 }
 
+/// The bytes of a .npy file, version 1.0 (numpy.lib.format): 32-bit floats in C order.
+std::string ToNpy(const std::vector<float>& values, const std::vector<std::size_t>& shape) {
+  constexpr std::size_t kPreamble = 10;  // magic, version, length of the header
+  std::string header = fmt::format("{{'descr': '{}f4', 'fortran_order': False, 'shape': ({}{}), }}",
+                                   std::endian::native == std::endian::little ? '<' : '>',
+                                   fmt::join(shape, ", "), shape.size() == 1 ? "," : "");
+  header.resize((kPreamble + header.size() + 64) / 64 * 64 - kPreamble, ' ');
+  header.back() = '\n';
+  std::string bytes("\x93NUMPY\x01\x00", 8);
+  bytes += static_cast<char>(header.size() % 256);
+  bytes += static_cast<char>(header.size() / 256);
+  bytes += header;
+  return bytes.append(reinterpret_cast<const char*>(values.data()), values.size() * sizeof(float));
+}
+
 /// Summarises all outputs for one image, and writes them into `folder` unless that is null.
-void LookAt(const Model& model, const cv::Mat& image, const OutputMap& outputs,
-            OutputFolder* folder, Result* result) {
-  const OutputShapes shapes = model.engine.output_shapes(image);
+std::vector<Output> SummariseAll(const Model& model, const ImageRun& run, OutputFolder* folder) {
+  const OutputShapes shapes = model.engine.output_shapes(run.prepared);
+  std::vector<Output> outputs;
   for (std::size_t k = 0; k < model.engine.outputs.size(); ++k) {
     const std::string& key = model.engine.outputs[k];
-    const std::vector<float>& values = outputs.at(key);
+    const std::vector<float>& values = run.outputs.at(key);
     Output output{Summarise(model.config.output_names[k], values), ""};
     const auto known = shapes.find(key);
     if (known != shapes.end() && Product(known->second) == values.size()) {
       output.summary.shape = known->second;
     }
     if (folder != nullptr) {
-      const std::string stem = fs::path(result->file).stem().string();
+      const std::string stem = fs::path(run.file).stem().string();
       output.saved = folder->Write(stem + "." + FileNamePart(output.summary.name), ".npy",
                                    ToNpy(values, output.summary.shape));
     }
-    result->outputs.push_back(std::move(output));
+    outputs.push_back(std::move(output));
   }
+  return outputs;
 }
 
 Json::Value ToJson(const Result& result) {
@@ -118,122 +134,42 @@ Json::Value ToJson(const Result& result) {
   return image;
 }
 
-}  // namespace
-
-std::size_t OutputSummary::values() const { return Product(shape); }
-
-OutputSummary Summarise(const std::string& name, const std::vector<float>& values) {
-  OutputSummary summary;
-  summary.name = name;
-  summary.shape = {values.size()};
-  double sum = 0;
-  std::size_t finite = 0;
-  for (const float value : values) {
-    if (!std::isfinite(value)) {
-      ++summary.not_finite;
-      continue;
-    }
-    summary.least = finite == 0 ? value : std::min<double>(summary.least, value);
-    summary.greatest = finite == 0 ? value : std::max<double>(summary.greatest, value);
-    sum += value;
-    ++finite;
-  }
-  summary.mean = finite == 0 ? 0 : sum / static_cast<double>(finite);
-  return summary;
-}
-
-std::string SummaryTitles() {
-  return fmt::format("{:>9}  {:>10}  {:>10}  {:>10}  {:>10}", "values", "least", "mean", "greatest",
-                     "not finite");
-}
-
-std::string SummaryColumns(const OutputSummary& summary) {
-  return fmt::format("{:>9}  {:>10.4g}  {:>10.4g}  {:>10.4g}  {:>10}", summary.values(),
-                     summary.least, summary.mean, summary.greatest, summary.not_finite);
-}
-
-Json::Value ToJson(const OutputSummary& summary) {
-  Json::Value entry;
-  entry["name"] = JsonText(summary.name);
-  entry["values"] = Json::UInt64{summary.values()};
-  for (const std::size_t size : summary.shape) {
-    entry["shape"].append(Json::UInt64{size});
-  }
-  entry["least"] = summary.least;
-  entry["mean"] = summary.mean;
-  entry["greatest"] = summary.greatest;
-  entry["not_finite"] = Json::UInt64{summary.not_finite};
-  return entry;
-}
-
-namespace {
-
 int Outputs(const OutputsOptions& options) {
   const Model model = LoadModel(options.model, options.backend, Use::kAny);
-  const Engine& engine = model.engine;
   Console console;
   SayWarning(model, &console);
   const std::vector<std::string> images = ListImages(options.images, &console);
-  std::optional<OutputFolder> folder;
-  if (!options.save.empty()) {
-    try {
-      folder.emplace(options.save, images);
-    } catch (...) {
-      console.Error(options.save, CurrentError());
-    }
-  }
+  std::optional<OutputFolder> folder = MakeOutputFolder(options.save, images, &console);
 
   std::vector<Result> results;
-  for (const std::string& image : images) {
-    results.push_back({image, {}, {}});
-  }
-  const auto fail = [&](Result* result) {
-    result->error = CurrentError();
-    console.Error(result->file, result->error);
-  };
   const std::size_t batch = std::max<std::size_t>(model.config.batch_size, 1);
-  for (std::size_t next = 0; next < results.size();) {
-    std::vector<cv::Mat> prepared;
-    std::vector<Result*> running;
-    for (; next < results.size() && running.size() < batch; ++next) {
+  for (std::span<const std::string> left = images; !left.empty();) {
+    const std::span<const std::string> next = left.first(std::min(batch, left.size()));
+    left = left.subspan(next.size());
+    for (ImageRun& run : RunBatch(model, next, &console)) {
+      std::vector<Output> outputs;
       try {
-        prepared.push_back(Prepare(ReadImage(results[next].file, model.channels), model));
-        running.push_back(&results[next]);
+        if (run.error.empty()) {
+          outputs = SummariseAll(model, run, folder ? &*folder : nullptr);
+        }
       } catch (...) {
-        fail(&results[next]);
+        run.Fail(&console);
       }
+      results.push_back({run.file, std::move(outputs), run.error});
     }
-    std::vector<OutputMap> maps;
-    double seconds = 0;
-    try {
-      maps = RunNetwork(model, prepared, &seconds);
-    } catch (...) {
-      std::for_each(running.begin(), running.end(), fail);
-    }
-    for (std::size_t i = 0; i < maps.size(); ++i) {
-      try {
-        LookAt(model, prepared[i], maps[i], folder ? &*folder : nullptr, running[i]);
-      } catch (...) {
-        fail(running[i]);
-      }
-    }
-    console.ShowProgress(next, results.size());
+    console.ShowProgress(results.size(), images.size());
   }
   console.ClearProgress();
 
   if (options.json) {
-    Json::Value document;
-    document["model"] = JsonText(model.name);
-    document["engine"] = engine.name;
-    document["device"] = engine.device();
-    document["why"] = engine.why;
+    Json::Value document = ToJson(model);
     document["images"] = Json::arrayValue;
     for (const Result& result : results) {
       document["images"].append(ToJson(result));
     }
     PrintJson(document);
   } else {
-    Print(EngineLines(engine) + "\n");
+    Print(EngineLines(model.engine) + "\n");
     PrintTable(results);
   }
   return console.any_error() ? kNotAllDone : kDone;

@@ -4,16 +4,26 @@
 
 #include <algorithm>
 #include <cmath>
+#include <filesystem>
+#include <map>
 #include <memory>
 #include <numeric>
 #include <optional>
+#include <span>
+#include <stdexcept>
 #include <utility>
 
+#include "annotate.h"
+#include "batch.h"
 #include "commands.h"
-#include "common.h"
+#include "common/console.h"
+#include "common/text.h"
+#include "errors.h"
+#include "files.h"
 #include "images.h"
 #include "model.h"
 #include "options.h"
+#include "truth.h"
 
 namespace velmora::tool {
 
@@ -42,15 +52,12 @@ struct Answer {
   float value = 0;
 };
 
-/// What came of one image: answers, or an error instead.
+/// One image and its answers, or an error instead.
 struct Result {
-  std::string file;
-  cv::Mat image;                // kept for annotating only
-  std::vector<Answer> answers;  // best first
-  bool probabilities = true;    // that is what their values are
-  double milliseconds = 0;
-  const std::string* truth = nullptr;
-  std::string error;
+  ImageRun run;
+  std::vector<Answer> answers;         // best first
+  bool probabilities = true;           // that is what their values are
+  const std::string* truth = nullptr;  // null when it is not known
 
   bool right() const { return truth != nullptr && answers[0].label == *truth; }
 };
@@ -74,56 +81,30 @@ std::vector<Answer> BestAnswers(const std::vector<float>& values,
   return answers;
 }
 
-/// Reads, prepares and runs the images of one batch. An image that fails gets an error; the others
-/// are still done.
-void RunBatch(const Model& model, const RunOptions& options, std::vector<Result>* batch,
-              bool* warned, Console* console) {
-  std::vector<cv::Mat> prepared;
-  std::vector<Result*> running;
-  const auto fail = [console](Result* result) {
-    result->error = CurrentError();
-    console->Error(result->file, result->error);
-  };
-  for (Result& result : *batch) {
-    try {
-      const cv::Mat image = ReadImage(result.file, model.channels);
-      prepared.push_back(Prepare(image, model));
-      running.push_back(&result);
-      if (!options.annotate.empty()) {
-        result.image = image;
-      }
-    } catch (...) {
-      fail(&result);
-    }
+/// The result of an image that ran, or did not.
+Result TakeResult(const Model& model, int top, const std::map<std::string, std::string>& truths,
+                  ImageRun run, bool* warned, Console* console) {
+  Result result = {std::move(run), {}, true, nullptr};
+  const auto truth = truths.find(result.run.file);
+  result.truth = truth != truths.end() ? &truth->second : nullptr;
+  if (!result.run.error.empty()) {
+    return result;
   }
-  if (running.empty()) {
-    return;
-  }
-  std::vector<std::vector<float>> values;
-  double seconds = 0;
   try {
-    values = Forward(model, prepared, &seconds);
-  } catch (...) {
-    std::for_each(running.begin(), running.end(), fail);
-    return;
-  }
-  for (std::size_t i = 0; i < running.size(); ++i) {
-    try {
-      running[i]->answers = BestAnswers(values[i], model.labels, options.top);
-      if (const std::string why = WhyNoProbabilities(model, values[i]); !why.empty()) {
-        if (!model.labelled) {
-          throw std::runtime_error(why);
-        }
-        running[i]->probabilities = false;
-        if (!std::exchange(*warned, true)) {
-          console->Say("warning: " + why + "; they are shown as they are");
-        }
-      }
-      running[i]->milliseconds = seconds * 1000 / static_cast<double>(running.size());
-    } catch (...) {
-      fail(running[i]);
+    const std::vector<float>& values = AnswerOf(model, result.run.outputs);
+    result.answers = BestAnswers(values, model.labels, top);
+    const std::string why = WhyNoProbabilities(model, values);
+    result.probabilities = why.empty();
+    if (!result.probabilities && !model.labelled) {
+      throw std::runtime_error(why);
     }
+    if (!result.probabilities && !std::exchange(*warned, true)) {
+      console->Say("warning: " + why + "; they are shown as they are");
+    }
+  } catch (...) {
+    result.run.Fail(console);
   }
+  return result;
 }
 
 /// The table for people: one row an image, further answers below it. Rows are printed as they come,
@@ -147,8 +128,8 @@ class Table {
   }
 
   void Add(const Result& result) const {
-    std::string file = OneLine(result.file);
-    std::string time = fmt::format("{:.3f}", result.milliseconds);
+    std::string file = OneLine(result.run.file);
+    std::string time = fmt::format("{:.3f}", result.run.milliseconds);
     std::string truth = result.truth == nullptr ? "" : OneLine(*result.truth);
     truth += result.truth == nullptr || result.right() ? "" : "  wrong";
     for (const Answer& answer : result.answers) {
@@ -172,9 +153,9 @@ class Table {
 
 Json::Value ToJson(const Result& result) {
   Json::Value image;
-  image["file"] = JsonText(result.file);
-  if (!result.error.empty()) {
-    image["error"] = JsonText(result.error);
+  image["file"] = JsonText(result.run.file);
+  if (!result.run.error.empty()) {
+    image["error"] = JsonText(result.run.error);
     return image;
   }
   for (const Answer& answer : result.answers) {
@@ -183,7 +164,7 @@ Json::Value ToJson(const Result& result) {
     entry[result.probabilities ? "probability" : "value"] = answer.value;
     image["answers"].append(entry);
   }
-  image["time_ms"] = result.milliseconds;
+  image["time_ms"] = result.run.milliseconds;
   if (result.truth != nullptr) {
     image["truth"] = JsonText(*result.truth);
     image["correct"] = result.right();
@@ -191,7 +172,7 @@ Json::Value ToJson(const Result& result) {
   return image;
 }
 
-void Annotate(const Result& result, Annotator* annotator, Console* console) {
+void Annotate(const Result& result, OutputFolder* folder, Console* console) {
   std::vector<std::string> lines;
   for (const Answer& answer : result.answers) {
     lines.push_back(result.probabilities
@@ -205,12 +186,28 @@ void Annotate(const Result& result, Annotator* annotator, Console* console) {
       lines.push_back(fmt::format("truth: {}", OneLine(*result.truth)));
     }
   }
+  const std::filesystem::path name = std::filesystem::path(result.run.file).filename();
+  const bool is_png = LowerExtension(name) == ".png";
   try {
-    annotator->Write(result.file, result.image, lines, colour);
+    folder->Write((is_png ? name.stem() : name).string(),
+                  is_png ? name.extension().string() : ".png",
+                  AnnotatedPng(result.run.image, lines, colour));
   } catch (...) {
-    console->Error(result.file, CurrentError());
+    console->Error(result.run.file, CurrentError());
   }
 }
+
+/// How many of the images whose truth is known are right.
+struct Accuracy {
+  std::size_t right = 0;
+  std::size_t known = 0;
+
+  void Add(const Result& result) {
+    known += result.truth != nullptr ? 1 : 0;
+    right += result.right() ? 1 : 0;
+  }
+  double Ratio() const { return static_cast<double>(right) / static_cast<double>(known); }
+};
 
 int Run(const RunOptions& options) {
   const Model model = LoadModel(options.model, options.backend, Use::kProbabilities);
@@ -218,43 +215,27 @@ int Run(const RunOptions& options) {
   SayWarning(model, &console);
   const std::vector<std::string> images = ListImages(options.images, &console);
   const auto truth = FindTruth(images, options.truth, model.labels, &console);
-  std::optional<Annotator> annotator;
-  if (!options.annotate.empty()) {
-    try {
-      annotator.emplace(options.annotate, images);
-    } catch (...) {
-      console.Error(options.annotate, CurrentError());
-    }
-  }
-
+  std::optional<OutputFolder> folder = MakeOutputFolder(options.annotate, images, &console);
   std::optional<Table> table;
-  Json::Value document;
-  document["model"] = JsonText(model.name);
-  document["engine"] = model.engine.name;
-  document["device"] = model.engine.device();
-  document["why"] = model.engine.why;
+  Json::Value document = ToJson(model);
   document["images"] = Json::arrayValue;
-  std::size_t known = 0;
-  std::size_t right = 0;
+  Accuracy accuracy;
   bool warned = false;
 
-  for (std::size_t next = 0; next < images.size();) {
-    std::vector<Result> batch;
-    for (; next < images.size() && batch.size() < static_cast<std::size_t>(options.batch); ++next) {
-      const auto found = truth.find(images[next]);
-      batch.push_back(
-          {images[next], {}, {}, true, 0, found != truth.end() ? &found->second : nullptr, ""});
-    }
-    RunBatch(model, options, &batch, &warned, &console);
-    for (const Result& result : batch) {
+  const auto batch = static_cast<std::size_t>(options.batch);
+  for (std::span<const std::string> left = images; !left.empty();) {
+    const std::span<const std::string> next = left.first(std::min(batch, left.size()));
+    left = left.subspan(next.size());
+    for (ImageRun& run : RunBatch(model, next, &console)) {
+      const Result result =
+          TakeResult(model, options.top, truth, std::move(run), &warned, &console);
       if (options.json) {
         document["images"].append(ToJson(result));
       }
-      if (!result.error.empty()) {
+      if (!result.run.error.empty()) {
         continue;
       }
-      known += result.truth != nullptr ? 1 : 0;
-      right += result.right() ? 1 : 0;
+      accuracy.Add(result);
       if (!options.json) {
         console.ClearProgress();
         if (!table) {
@@ -263,26 +244,25 @@ int Run(const RunOptions& options) {
         }
         table->Add(result);
       }
-      if (annotator) {
-        Annotate(result, &*annotator, &console);
+      if (folder) {
+        Annotate(result, &*folder, &console);
       }
     }
     FlushOutput();
-    console.ShowProgress(next, images.size());
+    console.ShowProgress(images.size() - left.size(), images.size());
   }
   console.ClearProgress();
 
-  const double accuracy =
-      static_cast<double>(right) / static_cast<double>(std::max<std::size_t>(known, 1));
-  if (known > 0) {
-    document["accuracy"]["correct"] = Json::UInt64{right};
-    document["accuracy"]["counted"] = Json::UInt64{known};
-    document["accuracy"]["ratio"] = accuracy;
+  if (accuracy.known > 0) {
+    document["accuracy"]["correct"] = Json::UInt64{accuracy.right};
+    document["accuracy"]["counted"] = Json::UInt64{accuracy.known};
+    document["accuracy"]["ratio"] = accuracy.Ratio();
   }
   if (options.json) {
     PrintJson(document);
-  } else if (known > 0) {
-    Print(fmt::format("\naccuracy: {} of {} ({:.1f} %)\n", right, known, accuracy * 100));
+  } else if (accuracy.known > 0) {
+    Print(fmt::format("\naccuracy: {} of {} ({:.1f} %)\n", accuracy.right, accuracy.known,
+                      accuracy.Ratio() * 100));
   }
   return console.any_error() ? kNotAllDone : kDone;
 }

@@ -1,4 +1,4 @@
-// The values of one output in figures, for people and for programs.
+// Many values in a few figures, for people and for programs.
 #pragma once
 
 #include <json/json.h>
@@ -28,5 +28,9 @@ std::string SummaryTitles();
 std::string SummaryColumns(const OutputSummary& summary);
 
 Json::Value ToJson(const OutputSummary& summary);
+
+/// The least of the values that so many percent of them do not exceed (the nearest rank). There has
+/// to be a value.
+double Percentile(std::vector<double> values, double percent);
 
 }  // namespace velmora::tool

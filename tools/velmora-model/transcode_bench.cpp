@@ -13,10 +13,12 @@
 #include <thread>
 
 #include "bench.h"
-#include "common.h"
+#include "common/console.h"
+#include "common/text.h"
+#include "errors.h"
 #include "images.h"
 #include "model.h"
-#include "statistics.h"
+#include "summary.h"
 
 namespace velmora::tool {
 
@@ -109,7 +111,7 @@ class Evening {
     const Clock::time_point sent = Clock::now();
     try {
       double ignored = 0;
-      Forward(model_, {image_}, &ignored);
+      RunNetwork(model_, {image_}, &ignored);
     } catch (...) {
       ++lost_;
       console_.Error("a request was lost", CurrentError());

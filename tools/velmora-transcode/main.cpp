@@ -1,15 +1,16 @@
 // velmora-transcode: looks at and changes the record of what is transcoding. It needs no engine, so
 // that it costs little where it is started for every transcode.
 
-#include <fmt/format.h>
-
-#include <CLI/CLI.hpp>
+#include <CLI/App.hpp>
+#include <CLI/Validators.hpp>
 #include <algorithm>
 #include <clocale>
 #include <exception>
 #include <limits>
+#include <optional>
 
 #include "commands.h"
+#include "common/command_line.h"
 #include "common/console.h"
 
 namespace {
@@ -37,33 +38,26 @@ Example:
   velmora-transcode run --hardware -- ffmpeg -i in.mkv out.mp4
 )";
 
-int RunProgram(std::vector<std::string> arguments) {
-  CLI::App app("Looks at and changes the record of what is transcoding.", VELMORA_PROGRAM);
-  app.get_formatter()->column_width(24);
-  app.require_subcommand(1);
-  app.set_help_flag("-h,--help", "Print this help and exit");
-  app.set_version_flag("--version", VELMORA_PROGRAM " " VELMORA_VERSION,
-                       "Print the version and exit");
-  app.footer(kHelp);
+using Command = int (*)(const Options&);
 
-  Options options;
-  int (*chosen)(const Options&) = nullptr;
-  const auto add = [&](const char* name, const char* help, int (*command)(const Options&)) {
-    CLI::App* const subcommand = app.add_subcommand(name, help);
-    subcommand->callback([&chosen, command] { chosen = command; });
-    return subcommand;
+/// Declares the commands; `*chosen` becomes the one that the user chose. Returns "run".
+CLI::App* AddCommands(CLI::App* program, Options* options, Command* chosen) {
+  const auto add = [=](const char* name, const char* help, Command function) {
+    CLI::App* const command = program->add_subcommand(name, help);
+    command->callback([=] { *chosen = function; });
+    return command;
   };
-  const auto add_json = [&](CLI::App* command) {
-    command->add_flag("--json", options.json, "Print a JSON document instead of text");
+  const auto add_json = [=](CLI::App* command) {
+    command->add_flag("--json", options->json, "Print a JSON document instead of text");
   };
-  const auto add_hardware = [&](CLI::App* command) {
-    command->add_flag("--hardware", options.hardware, "With hardware; without this, by software");
+  const auto add_hardware = [=](CLI::App* command) {
+    command->add_flag("--hardware", options->hardware, "With hardware; without this, by software");
   };
-  const auto add_offline = [&](CLI::App* command) {
-    command->add_flag("--offline", options.offline, "The job is an offline conversion");
+  const auto add_offline = [=](CLI::App* command) {
+    command->add_flag("--offline", options->offline, "The job is an offline conversion");
   };
-  const auto add_pid = [&](CLI::App* command) {
-    command->add_option("PID", options.pid, "Process id")
+  const auto add_pid = [=](CLI::App* command) {
+    command->add_option("PID", options->pid, "Process id")
         ->required()
         ->type_name("")
         ->check(CLI::Range(1, std::numeric_limits<int>::max()).description(""));
@@ -83,23 +77,23 @@ int RunProgram(std::vector<std::string> arguments) {
   run->prefix_command();  // what follows is COMMAND's, and is not looked at
   run->footer(kRunHelp);
   add_json(add("status", "Show what this machine is and can do", Status));
+  return run;
+}
+
+int RunProgram(std::vector<std::string> arguments) {
+  CLI::App program("Looks at and changes the record of what is transcoding.", VELMORA_PROGRAM);
+  SetUp(&program);
+  program.footer(kHelp);
+  Options options;
+  Command chosen = nullptr;
+  const CLI::App* const run = AddCommands(&program, &options, &chosen);
 
   // The parser looks at what stands after a "--" too, and changes it.
   const auto dashes = std::find(arguments.begin(), arguments.end(), "--");
   const std::vector<std::string> behind(dashes, arguments.end());
   arguments.erase(dashes, arguments.end());
-  std::reverse(arguments.begin(), arguments.end());  // as the parser wants them
-  try {
-    app.parse(std::move(arguments));
-  } catch (const CLI::CallForHelp&) {
-    Print(app.help());
-    return kDone;
-  } catch (const CLI::CallForVersion& version) {
-    Print(fmt::format("{}\n", version.what()));
-    return kDone;
-  } catch (const CLI::ParseError& error) {
-    Console().Say(fmt::format("{}; see " VELMORA_PROGRAM " --help", error.what()));
-    return kWrongUsage;
+  if (const std::optional<int> status = Parse(&program, std::move(arguments))) {
+    return *status;
   }
   options.command = run->remaining();
   options.command.insert(options.command.end(),
