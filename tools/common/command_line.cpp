@@ -19,7 +19,7 @@ void SetUp(CLI::App* program) {
 }
 
 std::optional<int> Parse(CLI::App* program, std::vector<std::string> arguments) {
-  std::reverse(arguments.begin(), arguments.end());  // as the parser wants them
+  std::reverse(arguments.begin(), arguments.end());  // the parser takes them from the back
   try {
     program->parse(std::move(arguments));
     return std::nullopt;

@@ -8,11 +8,11 @@
 
 namespace velmora::tool {
 
-/// A program with --help and --version that wants a command.
+/// Adds --help and --version, and requires a command.
 void SetUp(CLI::App* program);
 
-/// Parses the arguments (without the program's name). Returns the exit status if that was all: for
-/// --help, --version and wrong usage. Each is printed.
+/// Parses the arguments, which do not include the program's name. Returns the exit status if there
+/// is nothing left to do: after --help, --version and wrong usage, which it prints.
 std::optional<int> Parse(CLI::App* program, std::vector<std::string> arguments);
 
 }  // namespace velmora::tool

@@ -17,7 +17,7 @@ namespace velmora::tool {
 
 namespace {
 
-/// A closed or full standard error does not keep the program from its work.
+/// The program goes on with its work if standard error is closed or full.
 void WriteError(const std::string& text) { static_cast<void>(std::fputs(text.c_str(), stderr)); }
 
 }  // namespace
@@ -46,7 +46,7 @@ void PrintJson(const Json::Value& document) {
   Json::StreamWriterBuilder builder;
   builder["indentation"] = "  ";
   builder["emitUTF8"] = true;
-  builder["precision"] = 9;  // all that a float holds
+  builder["precision"] = 9;  // enough for any float
   Print(Json::writeString(builder, document) + "\n");
 }
 

@@ -1,4 +1,4 @@
-// What a program writes: results to standard output; errors and progress to standard error.
+// What a program prints: results on standard output, errors and progress on standard error.
 #pragma once
 
 #include <json/json.h>
@@ -13,7 +13,7 @@ enum ExitStatus {
   kNotAllDone = 1,
   kWrongUsage = 2,
   kModelNotLoaded = 3,
-  // Of a command that is run for the user, as shells and their like have them.
+  // As shells and env(1) report on a command that they run.
   kNotStarted = 125,
   kCommandNotRunnable = 126,
   kCommandNotFound = 127
@@ -22,28 +22,28 @@ enum ExitStatus {
 /// Columns of the terminal on this descriptor; 0 when it is not a terminal.
 int TerminalWidth(int descriptor);
 
-/// Standard output, which carries results only. Both throw std::system_error when it takes no more.
+/// Write to standard output, which is for results only. Throw std::system_error if that fails.
 void Print(std::string_view text);
 void FlushOutput();
 
 /// Prints the document. Its strings must be UTF-8, see JsonText().
 void PrintJson(const Json::Value& document);
 
-/// Standard error: errors, one line each, and a progress bar when it is a terminal. What cannot be
-/// written there is lost, and nothing else.
+/// Prints errors on standard error, one line each, and a progress bar if that is a terminal.
+/// Ignores errors in doing so.
 class Console {
  public:
-  /// Writes "PROGRAM: subject: error" and remembers that not all was done.
+  /// Prints "PROGRAM: subject: error" and remembers that there was an error.
   void Error(std::string_view subject, std::string_view error);
   bool any_error() const { return any_error_; }
 
-  /// Writes "PROGRAM: text".
+  /// Prints "PROGRAM: text".
   void Say(std::string_view text);
 
-  /// Shows the bar, once the work has lasted long enough for a user to wonder.
+  /// Draws the bar, once the work has taken long enough for a user to wonder.
   void ShowProgress(std::size_t done, std::size_t total);
 
-  /// Takes the bar away, before anything else is written.
+  /// Removes the bar. To be called before anything else is printed.
   void ClearProgress();
 
  private:

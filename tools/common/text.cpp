@@ -12,12 +12,13 @@ namespace {
 
 struct Character {
   std::string_view bytes;
-  bool valid = false;  // UTF-8; other bytes are taken one by one
+  bool valid = false;  // as UTF-8; other bytes are taken one by one
   int width = -1;      // columns; -1 for a character that is not printed
 };
 
-/// Columns, as wcwidth(); -1 for format characters too, which take none: they turn the direction of
-/// what is written, or hide. Accents and vowels that go over another letter take none either.
+/// Like wcwidth(), but -1 also for format characters, which take no columns either: they are
+/// invisible or change the direction of text. Combining accents and vowels are shown, at no
+/// columns.
 int Columns(wchar_t code) {
   static const std::wctype_t combining = std::wctype("combining");
   const std::wint_t character = std::char_traits<wchar_t>::to_int_type(code);
@@ -32,7 +33,7 @@ Character TakeCharacter(std::string_view* text) {
   std::mbstate_t state{};
   wchar_t code = 0;
   std::size_t length = std::mbrtowc(&code, text->data(), text->size(), &state);
-  const bool valid = length <= text->size();  // the values for errors are the greatest there are
+  const bool valid = length <= text->size();  // errors are the greatest values of the type
   length = valid ? std::max<std::size_t>(length, 1) : 1;
   const Character character{text->substr(0, length), valid, Columns(code)};
   text->remove_prefix(length);

@@ -30,14 +30,14 @@ namespace velmora::tool {
 namespace {
 
 constexpr char kHelp[] =
-    R"(Without images, one made-up image of the model's size is used. A run is one
-batch through the network; the time to read and prepare images is not counted.
-p90 is the time that 90 % of the runs did not exceed.
+    R"(Without images, a made-up image of the model's size is used. A run is one batch
+through the network; the time to read and prepare images is not counted. p90 is
+the time that 90 % of the runs did not exceed.
 
 --transcode plays a video evening: 20 inferences a second for SECONDS; as long
 again while another process is registered as transcoding with hardware; then
-until the network is back on the GPU, or for the quiet minute where there is
-none; then SECONDS more.
+until the network is back on the GPU, or for the quiet minute if there is no
+GPU; then SECONDS more.
 
 Examples:
   velmora-model bench digits/model.json
@@ -56,10 +56,10 @@ constexpr const char kCompiler[] = __VERSION__;
 constexpr const char kCompiler[] = "GCC " __VERSION__;
 #endif
 
-/// What the process holds at a moment.
+/// What the process holds.
 struct Held {
   std::size_t resident_kib = 0;
-  std::size_t libraries = 0;  // shared objects that are mapped
+  std::size_t libraries = 0;  // mapped shared objects
 };
 
 /// All times are in milliseconds.
@@ -69,7 +69,7 @@ struct Report {
   double images_per_second = 0;
   double busy_cores = 0;
   double load = 0;
-  Held before;  // the model is loaded
+  Held before;  // loading the model
   Held loaded;
 };
 
@@ -81,7 +81,7 @@ std::string CpuModel(const utsname& system) {
       return line.substr(colon + 2);
     }
   }
-  return system.machine;  // not every architecture names its model
+  return system.machine;  // /proc/cpuinfo does not name it on every architecture
 }
 
 std::string Kernel(const utsname& system) {
@@ -116,7 +116,7 @@ std::vector<cv::Mat> PrepareInput(const BenchOptions& options, const Model& mode
   return prepared;
 }
 
-/// The latency of each iteration in milliseconds, without those of the warm-up.
+/// The latency in milliseconds of each iteration after the warm-up.
 std::vector<double> Measure(const BenchOptions& options, const Model& model,
                             const std::vector<cv::Mat>& input, Console* console) {
   std::vector<double> latencies;

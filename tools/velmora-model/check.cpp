@@ -29,13 +29,13 @@ namespace {
 using plugin::network::OutputMap;
 
 constexpr char kHelp[] =
-    R"(For models of unknown origin, some of which end the process that runs them:
-loads and runs every form in a process of its own, which is ended when it holds
-more memory or takes longer than it may. "difference" is the largest from the
-first form's values, as a part of the largest value; forms agree up to 0.05.
+    R"(For models of unknown origin, which can crash the process that runs them. Loads
+and runs every form in a process of its own, with limits of memory and time.
+"difference" is the largest difference from the first form's values, relative to
+the largest value; forms agree if it is at most 0.05.
 
 Exit status:
-  0  every form loads and runs, and their values are finite and agree
+  0  every form loads and runs, and the values are finite and agree
   1  they do not
   2  wrong usage
   3  the description could not be read, or has no form that runs here)";
@@ -47,21 +47,21 @@ struct CheckOptions {
   bool json = false;
 };
 
-// What Check() starts in a process of its own: reports on one form to it.
+// For the process that Check() starts: it reports on one form.
 struct CheckFormOptions {
   std::string model;
   std::string form;
-  int parent = 0;  // process
+  int parent = 0;  // process id
 };
 
-// Forms of one network in other precisions differ by far less than this part of an output's largest
-// value, and other networks by far more.
+// Relative to an output's largest value. Forms of one network in different precisions differ by
+// much less, and different networks by much more.
 constexpr double kTolerance = 0.05;
 
 struct Output {
   OutputSummary summary;
   std::vector<float> values;
-  std::optional<double> difference;  // from the first form: a part of the largest value
+  std::optional<double> difference;  // from the first form, relative to the largest value
 };
 
 /// What the child measures of one form; times are in milliseconds.
@@ -74,18 +74,18 @@ struct Measured {
   std::string warning;
 };
 
-/// What came of one form.
+/// One form and its outputs.
 struct Checked {
   Form form;
-  std::string error;  // why a host should not take it; empty when it may
+  std::string error;  // why a host should not use it; empty if it may
   Measured measured;
   std::vector<Output> outputs;
 
   bool ran() const { return !outputs.empty(); }
 };
 
-/// Takes what a child wrote apart: a line of JSON, and the values of the outputs. It may be
-/// anything when the engine went wild.
+/// Parses what a child wrote: a line of JSON, followed by the values of the outputs. An engine that
+/// writes to memory at random may have damaged it.
 void ReadReport(const std::string& report, Checked* checked) {
   const std::size_t end = std::min(report.find('\n'), report.size());
   Json::CharReaderBuilder builder;
@@ -140,7 +140,7 @@ Checked CheckOne(const CheckOptions& options, const Form& form) {
   return checked;
 }
 
-/// Compares the outputs of a form with those of the first one that ran.
+/// Compares a form's outputs with those of the first one that ran.
 void Compare(const Checked& first, Checked* other) {
   for (std::size_t k = 0; k < std::min(first.outputs.size(), other->outputs.size()); ++k) {
     const std::vector<float>& a = first.outputs[k].values;
@@ -164,7 +164,7 @@ void Compare(const Checked& first, Checked* other) {
   }
 }
 
-/// Finds what is wrong with forms that ran. Returns whether they agree.
+/// Finds errors in the outputs of forms that ran. Returns whether they agree.
 bool Judge(std::vector<Checked>* forms) {
   const Checked* first = nullptr;
   bool agree = true;
@@ -191,7 +191,7 @@ bool Judge(std::vector<Checked>* forms) {
   return agree;
 }
 
-/// As the child reports it to the program, and the program to the user.
+/// Both the child's report and the user's document contain this.
 void Put(const Measured& measured, Json::Value* entry) {
   (*entry)["device"] = measured.device;
   (*entry)["load_ms"] = measured.load;
@@ -360,7 +360,7 @@ void AddCheck(CLI::App* program, int* status) {
                  status, [options] { return Check(*options); });
   AddModel(command, &options->model);
   AddNumber(command, "--memory", &options->memory, "MIB", 1, 1'000'000,
-            "Memory that a form may hold [2048]");
+            "Memory that a form may use [2048]");
   AddNumber(command, "--seconds", &options->seconds, "N", 1, 86'400,
             "Time that a form may take [60]");
   AddJson(command, &options->json);

@@ -27,7 +27,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-/// A descriptor that goes with its scope.
+/// A descriptor that is closed at the end of its scope.
 class Descriptor {
  public:
   explicit Descriptor(int value) : value_(value) {
@@ -44,14 +44,14 @@ class Descriptor {
     if (value_ >= 0) {
       close(value_);
     }
-    value_ = -1;  // which poll() passes over
+    value_ = -1;  // which poll() ignores
   }
 
  private:
   int value_;
 };
 
-/// Starts it with /dev/null, `output` and `error` as its standard streams.
+/// Starts this program with /dev/null, `output` and `error` as its standard streams.
 pid_t Spawn(std::vector<std::string> arguments, int output, int error) {
   arguments.insert(arguments.begin(), VELMORA_PROGRAM);
   arguments.push_back(std::to_string(getpid()));
@@ -75,7 +75,7 @@ pid_t Spawn(std::vector<std::string> arguments, int output, int error) {
   return child;
 }
 
-/// The last line with something in it.
+/// The last line that is not empty.
 std::string LastLine(std::string_view text) {
   text = text.substr(0, text.find_last_not_of(" \r\n") + 1);
   return std::string(text.substr(text.find_last_of("\r\n") + 1));
@@ -118,7 +118,7 @@ std::uint64_t ResidentKib(const std::string& process) {
 }
 
 ChildResult RunChild(std::vector<std::string> arguments, const Limits& limits) {
-  // Memory, and not a second pipe: nobody reads it before the end.
+  // Not a second pipe: nobody reads it before the end.
   const Descriptor output(memfd_create("output", MFD_CLOEXEC));
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0) {
@@ -146,7 +146,7 @@ ChildResult RunChild(std::vector<std::string> arguments, const Limits& limits) {
   };
   int status = 0;
   while (waitpid(child, &status, WNOHANG) == 0) {
-    // An engine that asks for memory is seen before it has got a tenth of a gigabyte more.
+    // Often enough to see an engine that allocates before it has a tenth of a gigabyte more.
     pollfd end{words, POLLIN, 0};
     poll(&end, 1, 10);
     hear();
@@ -169,7 +169,7 @@ ChildResult RunChild(std::vector<std::string> arguments, const Limits& limits) {
 
 int EnterChild(int parent) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
-  if (getppid() != parent) {  // it was gone before that
+  if (getppid() != parent) {  // the parent had already ended
     std::_Exit(EXIT_FAILURE);
   }
   constexpr rlimit kNone{0, 0};

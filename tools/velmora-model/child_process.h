@@ -1,4 +1,4 @@
-// This program once more, in a process that may be ended by what it does.
+// Runs this program in another process, which may crash.
 #pragma once
 
 #include <cstdint>
@@ -12,23 +12,23 @@ struct Limits {
   int seconds;     // by the clock
 };
 
-/// What a process left behind.
+/// What is left of a child process.
 struct ChildResult {
-  std::string error;   // why it came to no end of its own; empty when it did
+  std::string error;   // why it did not exit with status 0; empty if it did
   std::string output;  // all that it wrote to the stream that EnterChild() returned
 };
 
-/// Runs this program with these arguments and the id of this process behind them, and waits for
-/// it. Its output must not be longer than the memory that it may have. Throws std::system_error
-/// when it cannot be started.
+/// Runs this program with these arguments, followed by the id of this process, and waits for it.
+/// Its output must not be longer than the memory that it may have. Throws std::system_error if it
+/// cannot be started.
 ChildResult RunChild(std::vector<std::string> arguments, const Limits& limits);
 
-/// What such a process calls first, with that id: it ends with its parent, leaves no core, is the
-/// first to go when the machine runs out of memory, and writes to standard error what an engine
-/// writes to standard output. Returns the descriptor for its output.
+/// To be called first by such a process, with that id: the process ends with its parent, leaves no
+/// core, is the first to be killed when the machine runs out of memory, and what an engine prints
+/// on standard output goes to standard error. Returns the descriptor for its output.
 int EnterChild(int parent);
 
-/// Memory that a process holds at this moment, "self" for this one; 0 when it is gone.
+/// Resident memory of a process, "self" for this one; 0 if it has ended.
 std::uint64_t ResidentKib(const std::string& process);
 
 }  // namespace velmora::tool

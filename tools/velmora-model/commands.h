@@ -1,6 +1,6 @@
-// The commands. Each function adds one to the program, with its options and its help; the command
-// that the user chose runs while the program's arguments are parsed, and sets the exit status. A
-// model that cannot be loaded and an output that takes no more are exceptions.
+// The commands. Each function adds one to the program, with its options and its help. The command
+// that the user chose runs while the arguments are parsed, and sets the exit status. It throws
+// ModelError, and std::system_error if standard output fails.
 #pragma once
 
 namespace CLI {

@@ -22,16 +22,16 @@ namespace {
 using plugin::network::OutputMap;
 
 constexpr char kHelp[] =
-    R"(Runs every form of the model that works here on every image, and prints for each
-two of them and each output, over all images and values:
+    R"(Runs every form of the model that works here on every image. For each two forms
+and each output, prints over all images and values:
   absolute    the largest |a - b|
   relative    the largest |a - b| / max(|a|, |b|)
-  not finite  how many values of either are infinite or NaN
+  not finite  how many values of either form are infinite or NaN
   same top    for how many images the best answer is the same
 
 Exit status:
-  0  the best answers are the same everywhere and all values are finite
-  1  they are not, or something could not be done, as standard error says
+  0  the best answers are the same for all images, and all values are finite
+  1  they are not, or something failed, as standard error says
   2  wrong usage
   3  the model could not be loaded, or has fewer than two forms that run here)";
 
@@ -41,7 +41,7 @@ struct CompareOptions {
   bool json = false;
 };
 
-/// What one engine made of all images.
+/// One engine's outputs for all images.
 struct Runs {
   const Model* model;
   std::vector<OutputMap> outputs;
@@ -56,7 +56,7 @@ struct Difference {
   double absolute = 0;
   double relative = 0;
   std::size_t not_finite = 0;
-  std::optional<std::size_t> same_top;  // images; for the answer only
+  std::optional<std::size_t> same_top;  // images; only for the first output
 
   bool agree(std::size_t images) const {
     return not_finite == 0 && same_top.value_or(images) == images;
@@ -192,10 +192,10 @@ int Compare(const CompareOptions& options) {
       std::vector<OutputMap> outputs(engines.size());
       std::vector<double> seconds(engines.size());
       for (std::size_t n = 0; n < engines.size(); ++n) {
-        const std::size_t k = (i + n) % engines.size();  // those behind the first have it easier
+        const std::size_t k = (i + n) % engines.size();  // the first finds colder caches
         outputs[k] = RunNetwork(models[k], {image}, &seconds[k])[0];
       }
-      // An image counts for all engines or for none.
+      // If one engine fails, the image counts for none.
       for (std::size_t k = 0; k < engines.size(); ++k) {
         engines[k].outputs.push_back(outputs[k]);
         engines[k].milliseconds.push_back(seconds[k] * 1000);

@@ -63,7 +63,7 @@ struct Node {
   const Json::Value& value;
 
   [[noreturn]] void Refuse(std::string_view error) const {
-    // A key may hold a NUL, where the text of an exception ends.
+    // Escaped, because a key may contain a NUL, which would end the exception's text.
     throw std::runtime_error(key.empty() ? std::string(error)
                                          : fmt::format("{}: {}", OneLine(key), error));
   }
@@ -117,7 +117,7 @@ struct Node {
     return value.asDouble();
   }
 
-  /// One of the words, by its place among them.
+  /// The index of the value among the words.
   template <std::size_t kCount>
   std::size_t Word(const std::string_view (&words)[kCount]) const {
     const std::string word = String();
@@ -201,7 +201,7 @@ Json::Value ParseJson(const std::string& text) {
   Json::CharReaderBuilder::strictMode(&builder.settings_);
   const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
   Json::Value document;
-  std::string errors;  // "* Line 3, Column 5\n  What is wrong\n" and so on; the first is enough
+  std::string errors;  // "* Line 3, Column 5\n  What is wrong\n" and so on; the first one is enough
   if (!reader->parse(text.data(), text.data() + text.size(), &document, &errors)) {
     throw std::runtime_error("is not valid JSON: " + errors.substr(2, errors.find("\n* ") - 1));
   }

@@ -1,4 +1,4 @@
-// Reads a MODEL.json. Apart from the networks, so that it links without an engine.
+// Reads a MODEL.json. Links without an engine.
 #pragma once
 
 #include <string>
@@ -7,8 +7,8 @@
 
 namespace velmora::tool {
 
-/// What the file says, without a network. Throws std::runtime_error, with the key at fault but not
-/// the path, when it cannot be read or is no description of a model.
+/// The model without its network. Throws std::runtime_error, with the key but without the path, if
+/// the file cannot be read or does not describe a model.
 Model ReadDescription(const std::string& path);
 
 }  // namespace velmora::tool

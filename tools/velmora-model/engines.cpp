@@ -23,7 +23,7 @@ using plugin::network::IeNetwork;
 using plugin::network::NetworkConfig;
 using plugin::network::TfLiteNetwork;
 
-/// What there is to know of a backend without a network.
+/// A backend.
 struct Kind {
   Backend backend;
   BackendInfo info;
@@ -70,7 +70,7 @@ std::vector<std::string> TfLiteFiles(const NetworkConfig& config) {
   return WholeOrNone({config.tflite_model_path});
 }
 
-/// The model with its pair for the GPU in the place of that for the CPU.
+/// The model with its pair for the GPU in place of the one for the CPU.
 NetworkConfig WithGpuPair(NetworkConfig config) {
   config.ie_cpu_xml_path = config.ie_gpu_xml_path;
   config.ie_cpu_bin_path = config.ie_gpu_bin_path;
@@ -95,11 +95,11 @@ constexpr Kind kKinds[] = {
      "dnn_binary_path, or dnn_prototxt_path and dnn_caffemodel_path", DnnFiles, Make<DnnNetwork>,
      DnnInput, DnnReason, DnnOutputs}};
 
-/// Calls `make` for a model that has such a form; an error names the file.
+/// Calls `make` for a model that has a form of this kind; an error names the file.
 template <typename Make>
 std::unique_ptr<BaseNetwork> Load(const Kind& kind, const NetworkConfig& config, Make make) {
   std::string failing;
-  std::function<std::string()> reason;  // none while no engine has been asked
+  std::function<std::string()> reason;  // empty until an engine is called
   try {
     const std::vector<std::string> files = kind.files(config);
     for (const std::string& file : files) {
@@ -132,7 +132,7 @@ Engine Describe(const Kind& kind, const NetworkConfig& config, std::unique_ptr<B
   engine.name = kind.name_and_version;
   engine.outputs = config.output_names;
   if (kind.backend == Backend::kTfLite) {
-    engine.outputs = {"output"};  // the first, whatever it is called
+    engine.outputs = {"output"};  // the first one, whatever its name
   }
   if (const auto* const ie = dynamic_cast<const IeNetwork*>(network.get())) {
     engine.device = [ie] { return ie->GetDevice(); };
@@ -144,7 +144,7 @@ Engine Describe(const Kind& kind, const NetworkConfig& config, std::unique_ptr<B
   engine.files = kind.files(used);
   engine.input = kind.input(used);
   engine.reason = [&kind, config] { return kind.reason(config); };
-  // Read when they are asked for: most commands never do.
+  // Read on demand: most commands need none.
   engine.output_shapes = [&kind, used, read = ShapeReader()](const cv::Mat& image) mutable {
     read = read ? read : kind.outputs(used);
     return read(image);
@@ -170,7 +170,7 @@ Engine MakeNamed(const Kind& kind, const NetworkConfig& config) {
   return Describe(kind, config, Load(kind, config, [&] { return kind.make(config); }), {});
 }
 
-/// Empty when the factory may take it.
+/// Why the factory must not choose it; empty if it may.
 std::string WhyNot(const Kind& kind, const NetworkConfig& config) {
   if (!kind.info.is_supported()) {
     return "this machine does not support it";
@@ -200,7 +200,7 @@ Engine MakeEngine(const NetworkConfig& config, std::optional<Backend> backend) {
   if (backend) {
     return MakeNamed(KindOf(*backend), config);
   }
-  // The factory knows the machine and the flags; which forms the model has is known here.
+  // The factory knows the machine and the flags, but not which forms the model has.
   NetworkConfig with_forms = config;
   std::vector<std::string> reasons;
   for (const Kind& kind : kKinds) {
@@ -232,7 +232,7 @@ std::vector<Form> ListForms(const NetworkConfig& config,
     one.ie_gpu_xml_path = one.ie_gpu_bin_path = "";
     forms.push_back({kind.info.id, kind.name_and_version, kind.backend, one});
     if (kind.backend == Backend::kIe && !GpuPair(config).empty()) {
-      // This pair whatever the device: the GPU may be in use, or there may be none.
+      // This pair on any device: the GPU may be in use, or there may be none.
       forms.back().id = "ie-cpu";
       forms.push_back({"ie-gpu", kind.name_and_version, kind.backend, WithGpuPair(config)});
     }

@@ -1,4 +1,4 @@
-// The one place that knows the backends: which of them a model has a form for, which one is taken,
+// The one place that knows the backends: for which of them a model has a form, which one is used,
 // and why.
 #pragma once
 
@@ -17,7 +17,7 @@ namespace velmora::tool {
 
 enum class Backend { kDnn, kIe, kTfLite };
 
-/// A network and what there is to tell of it.
+/// A network, and what the commands print about it.
 struct Engine {
   std::unique_ptr<plugin::network::BaseNetwork> network;
   Backend backend = Backend::kDnn;

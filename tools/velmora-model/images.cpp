@@ -22,7 +22,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// By the name, and not by whether it decodes: a damaged image must be reported, not passed over.
+/// Judges by the name alone: a damaged image must be reported, not passed over.
 bool IsImageName(const fs::path& path) {
   static const std::set<std::string> kExtensions = {
       ".bmp", ".dib", ".exr", ".hdr", ".jp2", ".jpe", ".jpeg", ".jpg", ".pbm",  ".pgm", ".pic",
@@ -33,7 +33,7 @@ bool IsImageName(const fs::path& path) {
 std::vector<std::string> ListFolder(const std::string& folder) {
   std::vector<std::string> images;
   for (const fs::directory_entry& entry : fs::directory_iterator(folder)) {
-    // A link to nowhere counts: reading it will tell what is wrong.
+    // A dangling link counts: reading it reports the error.
     std::error_code ignored;
     if (IsImageName(entry.path()) && !entry.is_directory(ignored)) {
       images.push_back(entry.path().string());
@@ -46,7 +46,7 @@ std::vector<std::string> ListFolder(const std::string& folder) {
   return images;
 }
 
-/// Catches what libpng, libjpeg and the other codecs write to standard error by themselves.
+/// Catches what libpng, libjpeg and other codecs print on standard error.
 class CodecMessages {
  public:
   CodecMessages()
@@ -80,14 +80,12 @@ class CodecMessages {
   int caught_;
 };
 
-// A kilobyte can claim a billion pixels. No camera takes more than this (the largest of telephones
-// 200 million), which are 0.8 GB in colour.
+// A file of a kilobyte can claim a billion pixels. These are 0.8 GB in colour, and more than any
+// camera takes.
 constexpr double kMostPixels = 16384.0 * 16384.0;
 
-/// While there is one, a matrix of more pixels is an error. OpenCV knows an image's size from its
-/// header when it makes the matrix to decode it to; the limit of its own
-/// (OPENCV_IO_MAX_IMAGE_PIXELS) is read before main() begins, and a billion unless the user sets
-/// it.
+/// While an object lives, a matrix of more pixels is an error. OpenCV allocates the matrix by the
+/// size in the image's header; its own limit, OPENCV_IO_MAX_IMAGE_PIXELS, is read before main().
 class PixelLimit : public cv::MatAllocator {
  public:
   PixelLimit() : others_(cv::Mat::getDefaultAllocator()) { cv::Mat::setDefaultAllocator(this); }
@@ -112,18 +110,18 @@ class PixelLimit : public cv::MatAllocator {
   cv::MatAllocator* others_;
 };
 
-/// At least one pixel, whatever the ratio of an image.
+/// At least one pixel, whatever the aspect ratio.
 cv::Size Scaled(const cv::Size& size, double factor) {
   return {std::max(cvRound(size.width * factor), 1), std::max(cvRound(size.height * factor), 1)};
 }
 
-/// The largest size with the ratio of `image` that does not go beyond `size`.
+/// The largest size with the aspect ratio of `image` that fits in `size`.
 cv::Size SizeWithin(const cv::Size& image, const cv::Size& size) {
   const double factor = std::min(1.0 * size.width / image.width, 1.0 * size.height / image.height);
   return Scaled(image, factor);
 }
 
-/// The part in the middle of an image that "crop" leaves.
+/// The centre of an image that "crop" keeps.
 cv::Mat Middle(const cv::Mat& image, const Model& model) {
   const cv::Size size = Scaled(SizeWithin(model.size, image.size()), model.crop_fraction);
   return image(
@@ -163,7 +161,7 @@ cv::Mat ReadImage(const std::string& path, Channels channels) {
   if (image.empty()) {
     throw std::runtime_error("cannot be decoded as an image");
   }
-  // libjpeg fills up with gray what a file cut short does not hold, and only remarks on it.
+  // libjpeg fills the missing part of a truncated file with gray, and only prints a warning.
   if (messages.Text().find("Premature end") != std::string::npos) {
     throw std::runtime_error("the image is cut short");
   }
@@ -184,7 +182,7 @@ cv::Mat Prepare(const cv::Mat& image, const Model& model) {
     const bool shrinks = prepared.cols >= size.width && prepared.rows >= size.height;
     cv::resize(prepared, prepared, size, 0, 0, shrinks ? cv::INTER_AREA : cv::INTER_LINEAR);
   }
-  prepared.convertTo(prepared, CV_32F);  // from here on, not the caller's pixels
+  prepared.convertTo(prepared, CV_32F);  // a copy: the caller's pixels stay as they are
   if (model.channels == Channels::kRgb) {
     cv::cvtColor(prepared, prepared, cv::COLOR_BGR2RGB);
   }

@@ -30,7 +30,7 @@ namespace {
 
 using plugin::network::NetworkConfig;
 
-/// Of a shape N x C x H x W, or with the channels last.
+/// From N x C x H x W, or N x H x W x C.
 template <typename Sizes>
 InputShape ShapeOf(const Sizes& sizes, bool channels_last) {
   if (sizes.size() < 4) {
@@ -45,7 +45,7 @@ InputShape ShapeOf(const Sizes& sizes, bool channels_last) {
 }
 
 #if VELMORA_HAS_INFERENCE_ENGINE
-/// As the backend sets it up.
+/// Does what the backend does.
 InferenceEngine::CNNNetwork ReadIeNetwork(InferenceEngine::Core core, const NetworkConfig& config) {
   auto network = core.ReadNetwork(config.ie_cpu_xml_path, config.ie_cpu_bin_path);
   network.setBatchSize(config.batch_size);
@@ -61,9 +61,9 @@ InferenceEngine::CNNNetwork ReadIeNetwork(InferenceEngine::Core core, const Netw
 #endif
 
 #if VELMORA_HAS_TENSORFLOW_LITE
-using namespace plugin::network;  // the engine's names, where a bridge has them
+using namespace plugin::network;  // where a bridge has the engine's names
 
-/// Keeps what the engine reports.
+/// Collects what the engine reports.
 class Words : public tflite::ErrorReporter {
  public:
   using tflite::ErrorReporter::Report;

@@ -19,7 +19,7 @@ namespace {
 
 using namespace velmora::tool;  // NOLINT(google-build-using-namespace)
 
-/// The program tells of a failure in one line of its own; the engines would add theirs.
+/// The program reports an error in one line; the engines would add theirs.
 void SilenceEngines() {
   setenv("HWLOC_HIDE_ERRORS", "2", 0);  // of OpenVINO's threads, where there is no /sys
   cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_SILENT);
@@ -29,13 +29,13 @@ void SilenceEngines() {
 int RunProgram(std::vector<std::string> arguments) {
   CLI::App program("Runs image-recognition models.", VELMORA_PROGRAM);
   SetUp(&program);
-  program.footer(fmt::format("\n\"velmora-model COMMAND --help\" tells more.\n\n{}\n{}", kExamples,
+  program.footer(fmt::format("\"velmora-model COMMAND --help\" tells more.\n\n{}\n{}", kExamples,
                              kStatusHelp));
   int status = kDone;
   for (auto* const add : {AddRun, AddBench, AddCompare, AddOutputs, AddCheck}) {
     add(&program, &status);
   }
-  // The parser takes "[a]" for a list, behind "--" too.
+  // The parser would take "[a]" for a list, even after "--".
   for (std::string& argument : arguments) {
     if (argument.starts_with('[')) {
       argument.insert(0, "./");
@@ -47,8 +47,8 @@ int RunProgram(std::vector<std::string> arguments) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  static_cast<void>(std::setlocale(
-      LC_CTYPE, "C.UTF-8"));  // what OneLine() and its like decode; numbers stay as in C
+  // For decoding text; numbers stay as in C.
+  static_cast<void>(std::setlocale(LC_CTYPE, "C.UTF-8"));
   SilenceEngines();
   Console console;
   try {

@@ -17,7 +17,7 @@ using plugin::network::OutputMap;
 
 namespace {
 
-/// A network may run on another size than it was made for, and answers something.
+/// A network may run on images of a wrong size and give meaningless answers.
 void CheckInput(const Model& model) {
   const InputShape& input = model.engine.input;
   const int channels = model.channels == Channels::kGray ? 1 : 3;
@@ -36,7 +36,7 @@ void CheckInput(const Model& model) {
                   model.engine.files[0], say(input.width, input.height, input.channels)));
 }
 
-/// Nobody says that the answers of a network without labels are such: it may be a detector.
+/// A network without labels may be a detector, whose outputs are no probabilities.
 void CheckUnlabelled(const Model& model, const cv::Mat& image, const std::vector<float>& values) {
   std::string why = WhyNoProbabilities(model, values);
   if (why.empty() && std::abs(std::accumulate(values.begin(), values.end(), -1.0)) > 0.01) {
@@ -54,8 +54,8 @@ void CheckUnlabelled(const Model& model, const cv::Mat& image, const std::vector
   }
 }
 
-/// Whether a network fits its description shows only when it runs: once here, and not as the same
-/// complaint about every image. It also spares the first image the time of the engine's set-up.
+/// Whether a network fits its description shows only when it runs. Running it once here makes that
+/// one error instead of one for each image, and warms the engine up.
 void TryNetwork(Model* model, Use use) {
   CheckInput(*model);
   const int type = model->channels == Channels::kGray ? CV_32FC1 : CV_32FC3;
@@ -91,7 +91,7 @@ void TryNetwork(Model* model, Use use) {
   }
 }
 
-/// What `load` returns; its errors begin with the path.
+/// Calls `load`; errors become ModelErrors that begin with the path.
 template <typename Load>
 auto NamingFile(const std::string& path, Load load) {
   try {
@@ -110,7 +110,7 @@ void SayWarning(const Model& model, Console* console) {
 }
 
 std::string WhyNoProbabilities(const Model& model, const std::vector<float>& values) {
-  constexpr float kRounding = 1e-3F;  // an engine may compute in 16 bits
+  constexpr float kRounding = 1e-3F;  // for engines that compute in 16 bits
   const auto [least, greatest] = std::minmax_element(values.begin(), values.end());
   if (values.empty() || (*least >= -kRounding && *greatest <= 1 + kRounding)) {
     return "";
@@ -146,7 +146,7 @@ std::vector<OutputMap> RunNetwork(const Model& model, const std::vector<cv::Mat>
                                   double* seconds) {
   std::vector<OutputMap> outputs;
   const auto start = std::chrono::steady_clock::now();
-  // With a batch size above 1, one image alone would come back as a whole batch.
+  // With a batch size above 1, Forward() of a single image returns the values of a whole batch.
   if (images.size() == 1 && model.config.batch_size <= 1) {
     outputs.push_back(model.engine.network->Forward(images[0]));
   } else {

@@ -16,7 +16,7 @@
 
 namespace velmora::tool {
 
-/// A model that cannot be used: "PATH: ERROR", where the error names the key or the file.
+/// A model that cannot be used, as "PATH: ERROR"; the error names the key or the file.
 struct ModelError : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
@@ -25,9 +25,9 @@ enum class Channels { kRgb, kBgr, kGray };
 
 /// How an image becomes one of the network's size.
 enum class Fit {
-  kStretch,   // the whole of it, to the size
-  kCrop,      // the middle of it, with the size's ratio of width to height
-  kLetterbox  // the whole of it with its own ratio, and a border
+  kStretch,   // all of it, stretched to the size
+  kCrop,      // its centre, with the aspect ratio of the size
+  kLetterbox  // all of it with its own aspect ratio, and a border
 };
 
 struct Model {
@@ -36,7 +36,7 @@ struct Model {
   cv::Size size;
   Channels channels = Channels::kRgb;
   Fit fit = Fit::kStretch;
-  double crop_fraction = 0.875;  // of the largest such middle; as ImageNet's networks are evaluated
+  double crop_fraction = 0.875;  // of the largest centre; as ImageNet's networks are evaluated
   cv::Scalar letterbox_color;    // in the order of `channels`, as pixels are before mean and scale
   cv::Scalar mean = cv::Scalar::all(0);  // in the order of `channels`, as is the scale
   cv::Scalar scale = cv::Scalar::all(1);
@@ -45,15 +45,15 @@ struct Model {
   bool labelled = false;  // by the description
 
   Engine engine;
-  std::string warning;  // for the user; mostly empty
+  std::string warning;  // for the user; usually empty
 };
 
-/// What the outputs of a network are to be: of the first, probabilities of labels; one value for
-/// each label; the same where the description has labels; or anything.
+/// What the first output of a network must be: a probability for each label; one value for each
+/// label; the latter if the description has labels; or anything.
 enum class Use { kProbabilities, kAnswer, kAnswerToLabels, kAny };
 
-/// Throws ModelError when the description or the network cannot be loaded, and when the network
-/// does not run on an image as described or its outputs are not what they are to be.
+/// Throws ModelError if the description or the network cannot be loaded, if the network does not
+/// run on an image as described, or if its outputs are not what `use` says.
 Model LoadModel(const std::string& path, std::optional<Backend> backend, Use use = Use::kAnswer);
 
 Model LoadForm(const std::string& path, const Form& form, Use use);
@@ -64,20 +64,20 @@ void SayWarning(const Model& model, Console* console);
 std::vector<Form> ListForms(const std::string& path,
                             const std::function<void(const std::string&)>& left_out);
 
-/// All outputs for each of the images, which are prepared ones; `*seconds` is the time of the
-/// network alone. Passes on what the engine throws.
+/// All outputs for each of the images, which must be prepared; `*seconds` is the time in the
+/// network alone. Throws what the engine throws.
 std::vector<plugin::network::OutputMap> RunNetwork(const Model& model,
                                                    const std::vector<cv::Mat>& images,
                                                    double* seconds);
 
-/// What speaks against these values of an answer being probabilities; mostly empty. They need not
-/// add up to 1: labels may hold together.
+/// Why the values of an answer cannot be probabilities; usually empty. They need not add up to 1:
+/// several labels may apply to an image.
 std::string WhyNoProbabilities(const Model& model, const std::vector<float>& values);
 
 /// The values for the labels. Throws std::runtime_error unless there is one for each.
 const std::vector<float>& AnswerOf(const Model& model, const plugin::network::OutputMap& outputs);
 
-/// What the documents of all commands begin with: the model's name, the engine, its device and why.
+/// The beginning of every command's document: the model's name, the engine, its device and why.
 Json::Value ToJson(const Model& model);
 
 }  // namespace velmora::tool

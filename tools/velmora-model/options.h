@@ -1,4 +1,4 @@
-// What the options and the help of several commands have in common.
+// What the options and the help texts of several commands have in common.
 #pragma once
 
 #include <functional>
@@ -16,8 +16,8 @@ class Option;
 namespace velmora::tool {
 
 inline constexpr char kStatusHelp[] = R"(Exit status:
-  0  all was done
-  1  something could not be done, as standard error says; the rest was
+  0  success
+  1  something failed, as standard error says; the rest was done
   2  wrong usage
   3  the model could not be loaded)";
 
@@ -27,7 +27,7 @@ inline constexpr char kExamples[] = R"(Examples:
   velmora-model run --annotate answers --batch 8 digits/model.json digits/images
 )";
 
-/// A command that sets the exit status to what `run` returns. An empty `about` hides it.
+/// Adds a command that sets the exit status to what `run` returns. An empty `about` hides it.
 CLI::App* AddCommand(CLI::App* program, const char* name, const char* about,
                      const std::string& help, int* status, std::function<int()> run);
 

@@ -37,7 +37,7 @@ std::string OutputFolder::Write(const std::string& stem, const std::string& exte
   const auto refuse = [&](std::string_view why) {
     throw std::runtime_error(fmt::format("not written: {}: {}", target, why));
   };
-  // Not waiting, which it would at a FIFO.
+  // O_NONBLOCK: opening a FIFO would wait for a reader.
   const int file = open(target.c_str(),
                         O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666);
   if (file < 0) {

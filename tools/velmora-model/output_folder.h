@@ -1,4 +1,4 @@
-// A folder for what the user wants kept.
+// A folder that the user wants results in.
 #pragma once
 
 #include <cstdint>
@@ -12,13 +12,12 @@ namespace velmora::tool {
 
 class OutputFolder {
  public:
-  /// Makes the folder. Throws std::filesystem::filesystem_error.
+  /// Creates the folder if it is missing. Throws std::filesystem::filesystem_error.
   OutputFolder(std::string path, const std::vector<std::string>& inputs);
 
-  /// Writes STEM EXTENSION, or STEM-2 EXTENSION and so on if this object has written that already,
-  /// and returns its path. What was there before is replaced when it is a file, and neither one of
-  /// the inputs nor a link; nothing is written through a link. Throws std::runtime_error, with the
-  /// path.
+  /// Writes a file named `stem` + `extension`, or "stem-2" and so on if this object has already
+  /// written that, and returns its path. Replaces a regular file, unless it is one of the inputs,
+  /// and does not follow links. Throws std::runtime_error with the path.
   std::string Write(const std::string& stem, const std::string& extension, std::string_view bytes);
 
  private:

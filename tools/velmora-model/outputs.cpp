@@ -24,9 +24,9 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr char kHelp[] = R"(For networks whose answer is not one probability for each label, such as
-detectors. Prints of each output the number of values, the least, the mean and
-the greatest of those that are finite, how many are not, and the shape. A saved
-output is FOLDER/IMAGE.OUTPUT.npy, 32-bit floats for NumPy.
+detectors. Prints for each output the number of values, the minimum, mean and
+maximum of the finite ones, how many are infinite or NaN, and the shape. A saved
+output is FOLDER/IMAGE.OUTPUT.npy, with 32-bit floats for NumPy.
 )";
 
 struct OutputsOptions {
@@ -42,14 +42,14 @@ struct Output {
   std::string saved;  // path; empty when it is not
 };
 
-/// What came of one image: outputs, or an error instead.
+/// One image and its outputs, or an error instead.
 struct Result {
   std::string file;
   std::vector<Output> outputs;
   std::string error;
 };
 
-/// An output's name within a file's name.
+/// An output's name as part of a file name.
 std::string FileNamePart(const std::string& name) {
   std::string part = name;
   std::replace_if(
@@ -180,13 +180,13 @@ int Outputs(const OutputsOptions& options) {
 void AddOutputs(CLI::App* program, int* status) {
   const auto options = std::make_shared<OutputsOptions>();
   CLI::App* const command = AddCommand(
-      program, "outputs", "Show all that a network gives for images",
+      program, "outputs", "Show all outputs of a network for images",
       fmt::format("{}\n{}", kHelp, kStatusHelp), status, [options] { return Outputs(*options); });
   AddModel(command, &options->model);
   AddImages(command, &options->images);
   AddBackend(command, &options->backend);
   AddJson(command, &options->json);
-  AddText(command, "--save", &options->save, "FOLDER", "Write each output there as .npy");
+  AddText(command, "--save", &options->save, "FOLDER", "Write each output there as a .npy file");
 }
 
 }  // namespace velmora::tool

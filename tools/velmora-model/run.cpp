@@ -30,9 +30,9 @@ namespace velmora::tool {
 namespace {
 
 constexpr char kHelp[] =
-    R"(A FOLDER stands for the image files in it. Without --backend the library chooses
-the engine by what the machine supports, the forms that the model has, and its
-flags; the line "why" says why an engine that comes earlier was passed over.
+    R"(A FOLDER stands for the image files in it. Without --backend, the library
+chooses the engine by what the machine supports, which forms the model has, and
+its flags; the line "why" says why it passed over an engine that comes earlier.
 velmora-model(1) describes MODEL.json, truth files and annotated images.
 )";
 
@@ -56,7 +56,7 @@ struct Answer {
 struct Result {
   ImageRun run;
   std::vector<Answer> answers;         // best first
-  bool probabilities = true;           // that is what their values are
+  bool probabilities = true;           // whether the values are probabilities
   const std::string* truth = nullptr;  // null when it is not known
 
   bool right() const { return truth != nullptr && answers[0].label == *truth; }
@@ -81,7 +81,7 @@ std::vector<Answer> BestAnswers(const std::vector<float>& values,
   return answers;
 }
 
-/// The result of an image that ran, or did not.
+/// Judges the outputs for one image.
 Result TakeResult(const Model& model, int top, const std::map<std::string, std::string>& truths,
                   ImageRun run, bool* warned, Console* console) {
   Result result = {std::move(run), {}, true, nullptr};
@@ -107,8 +107,8 @@ Result TakeResult(const Model& model, int top, const std::map<std::string, std::
   return result;
 }
 
-/// The table for people: one row an image, further answers below it. Rows are printed as they come,
-/// so the widths are settled beforehand.
+/// The table for people: a row for each image, with further answers below it. Rows are printed at
+/// once, so the widths are known beforehand.
 class Table {
  public:
   Table(const std::vector<std::string>& images, const std::vector<std::string>& labels,
@@ -197,7 +197,7 @@ void Annotate(const Result& result, OutputFolder* folder, Console* console) {
   }
 }
 
-/// How many of the images whose truth is known are right.
+/// How many of the images with a known truth are right.
 struct Accuracy {
   std::size_t right = 0;
   std::size_t known = 0;
@@ -278,12 +278,12 @@ void AddRun(CLI::App* program, int* status) {
   AddImages(command, &options->images);
   AddBackend(command, &options->backend);
   AddNumber(command, "--top", &options->top, "K", 1, 1'000'000,
-            "Answers to show for an image, best first [1]");
+            "Answers to show for each image, best first [1]");
   AddNumber(command, "--batch", &options->batch, "N", 1, 4096,
             "Images given to the network at a time [1]");
   AddJson(command, &options->json);
   AddText(command, "--annotate", &options->annotate, "FOLDER",
-          "Write images with their answers there");
+          "Write the images with their answers there");
   AddText(command, "--truth", &options->truth, "FILE",
           "Right labels [truth.csv beside the images]");
 }

@@ -1,4 +1,4 @@
-// Many values in a few figures, for people and for programs.
+// Statistics of many values.
 #pragma once
 
 #include <json/json.h>
@@ -20,17 +20,17 @@ struct OutputSummary {
   std::size_t values() const;
 };
 
-/// The shape is one dimension.
+/// The shape has one dimension.
 OutputSummary Summarise(const std::string& name, const std::vector<float>& values);
 
-/// Columns of a table, and what stands above them.
+/// Columns of a table and their titles.
 std::string SummaryTitles();
 std::string SummaryColumns(const OutputSummary& summary);
 
 Json::Value ToJson(const OutputSummary& summary);
 
-/// The least of the values that so many percent of them do not exceed (the nearest rank). There has
-/// to be a value.
+/// The smallest of the values that at least so many percent of them do not exceed (nearest rank).
+/// There must be a value.
 double Percentile(std::vector<double> values, double percent);
 
 }  // namespace velmora::tool

@@ -29,14 +29,14 @@ using Clock = std::chrono::steady_clock;
 constexpr std::chrono::milliseconds kInterval(50);  // 20 requests a second
 constexpr std::chrono::seconds kQuietMinute(60);
 
-/// A process that is registered as transcoding with hardware for as long as the object lives, and
-/// no longer than this process, however that ends.
+/// A process that is registered as transcoding with hardware. It ends with the object, and with
+/// this process however that ends.
 class Transcoder {
  public:
   Transcoder() {
     const pid_t self = getpid();
     process_ = fork();
-    if (process_ == 0) {  // without the engines' threads: system calls only
+    if (process_ == 0) {  // forked among threads: system calls only
       prctl(PR_SET_PDEATHSIG, SIGKILL);
       while (getppid() == self) {
         pause();
@@ -78,10 +78,10 @@ struct Phase {
 struct Switch {
   std::string from;
   std::string to;
-  double milliseconds = 0;  // of the request that waited for it
+  double milliseconds = 0;  // that the request at the switch took
 };
 
-/// The evening as it goes on.
+/// Plays the evening and records it.
 class Evening {
  public:
   Evening(const Model& model, cv::Mat image, std::size_t expected_requests)
@@ -93,7 +93,7 @@ class Evening {
     phases_.push_back({name, {}});
     const Clock::time_point begin = Clock::now();
     for (Clock::time_point next = begin; !done(Clock::now() - begin); next += kInterval) {
-      // A request that a switch has made late is sent at once, and so are those behind it.
+      // Requests that a switch has delayed are sent at once.
       std::this_thread::sleep_until(next);
       Request();
     }

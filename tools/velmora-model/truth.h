@@ -9,11 +9,11 @@
 
 namespace velmora::tool {
 
-/// The right label of each image whose truth is known. It comes from `file`, or when that is empty
-/// from the truth.csv of each image's folder, where there is one: CSV with the header "file,label".
-/// A bare name in a truth.csv is an image of its folder, in `file` any image of that name; a name
-/// with a slash is a path from the truth file's folder. A truth file with an error is an error on
-/// the console, and none of it is used.
+/// The right label of each image whose truth is known. It comes from `file`, or if that is empty
+/// from the truth.csv in the image's folder: CSV with the header "file,label". A bare name in a
+/// truth.csv is an image in the same folder, and in `file` any image of that name; a name with a
+/// slash is a path relative to the truth file's folder. A truth file with an error is not used, and
+/// the error goes to the console.
 std::map<std::string, std::string> FindTruth(const std::vector<std::string>& images,
                                              const std::string& file,
                                              const std::vector<std::string>& labels,

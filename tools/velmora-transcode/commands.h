@@ -1,5 +1,5 @@
-// The commands. Each returns the program's exit status, and throws std::exception when the record
-// cannot be had or the output takes no more.
+// The commands. Each returns the exit status, and throws std::exception if the record cannot be
+// locked or standard output fails.
 #pragma once
 
 #include <json/json.h>
@@ -27,7 +27,7 @@ int Status(const Options& options);
 /// An entry of the record.
 struct Entry {
   int pid = 0;
-  std::string program;  // empty when it has just ended
+  std::string program;  // empty if the process has just ended
   bool hardware = false;
   bool offline = false;
 };

@@ -1,5 +1,5 @@
-// velmora-transcode: looks at and changes the record of what is transcoding. It needs no engine, so
-// that it costs little where it is started for every transcode.
+// velmora-transcode: shows and changes the record of what is transcoding. It links no engine, so
+// that starting it for every transcode costs little.
 
 #include <CLI/App.hpp>
 #include <CLI/Validators.hpp>
@@ -17,22 +17,22 @@ namespace {
 
 using namespace velmora::tool;  // NOLINT(google-build-using-namespace)
 
-constexpr char kHelp[] = R"(
-Each command is one transaction on the record that transcoders and networks share; one that finds
-another process at it waits.
+constexpr char kHelp[] =
+    R"(Each command is one transaction on the record that transcoders and networks
+share. It waits while another process has the record locked.
 
 Exit status:
-  0  all was done
-  1  something could not be done, as standard error says
+  0  success
+  1  something failed, as standard error says
   2  wrong usage)";
 
-constexpr char kRunHelp[] = R"(
-COMMAND and its arguments follow the options, or a "--". Asks whether the transcode may start,
-registers this process, and becomes COMMAND, which keeps the process id and with it the entry until
-it ends.
+constexpr char kRunHelp[] =
+    R"(COMMAND and its arguments follow the options, or a "--". Checks that the
+transcode may start, registers this process, and becomes COMMAND, which keeps
+the process id and with it the entry until it ends.
 
-Exit status: that of COMMAND; 127 if there is no such command, 126 if it cannot be run, 125 if the
-transcode may not start or could not be registered.
+Exit status: that of COMMAND; 127 if there is no such command, 126 if it cannot
+be run, 125 if the transcode may not start or could not be registered.
 
 Example:
   velmora-transcode run --hardware -- ffmpeg -i in.mkv out.mp4
@@ -40,7 +40,7 @@ Example:
 
 using Command = int (*)(const Options&);
 
-/// Declares the commands; `*chosen` becomes the one that the user chose. Returns "run".
+/// Adds the commands; parsing sets `*chosen` to the one that the user chose. Returns "run".
 CLI::App* AddCommands(CLI::App* program, Options* options, Command* chosen) {
   const auto add = [=](const char* name, const char* help, Command function) {
     CLI::App* const command = program->add_subcommand(name, help);
@@ -65,7 +65,7 @@ CLI::App* AddCommands(CLI::App* program, Options* options, Command* chosen) {
   add_json(add("list", "Show what is transcoding", List));
   CLI::App* const admit = add("admit", "Tell whether a transcode may start now", Admit);
   add_hardware(admit);
-  admit->footer("\nPrints yes or no. Exit status: 0 for yes, 1 for no.\n");
+  admit->footer("Prints yes or no. Exit status: 0 for yes, 1 for no.\n");
   CLI::App* const add_command = add("add", "Register a process as transcoding", Add);
   add_pid(add_command);
   add_hardware(add_command);
@@ -74,21 +74,21 @@ CLI::App* AddCommands(CLI::App* program, Options* options, Command* chosen) {
   CLI::App* const run = add("run", "Run a COMMAND, registered as transcoding", RunCommand);
   add_hardware(run);
   add_offline(run);
-  run->prefix_command();  // what follows is COMMAND's, and is not looked at
+  run->prefix_command();  // the parser leaves COMMAND's arguments alone
   run->footer(kRunHelp);
   add_json(add("status", "Show what this machine is and can do", Status));
   return run;
 }
 
 int RunProgram(std::vector<std::string> arguments) {
-  CLI::App program("Looks at and changes the record of what is transcoding.", VELMORA_PROGRAM);
+  CLI::App program("Shows and changes the record of what is transcoding.", VELMORA_PROGRAM);
   SetUp(&program);
   program.footer(kHelp);
   Options options;
   Command chosen = nullptr;
   const CLI::App* const run = AddCommands(&program, &options, &chosen);
 
-  // The parser looks at what stands after a "--" too, and changes it.
+  // The parser would change arguments after "--".
   const auto dashes = std::find(arguments.begin(), arguments.end(), "--");
   const std::vector<std::string> behind(dashes, arguments.end());
   arguments.erase(dashes, arguments.end());
@@ -113,7 +113,7 @@ int RunProgram(std::vector<std::string> arguments) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  // What text is decoded by; numbers stay as in C.
+  // For decoding text; numbers stay as in C.
   static_cast<void>(std::setlocale(LC_CTYPE, "C.UTF-8"));
   try {
     const int status = RunProgram({argv + 1, argv + argc});

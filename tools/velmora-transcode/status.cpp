@@ -24,11 +24,11 @@ struct Machine {
   std::string platform;
   std::string model;
   std::string transcoder;
-  std::vector<std::pair<const char*, bool>> can;  // by the names of the JSON document
+  std::vector<std::pair<const char*, bool>> can;  // by their names in the JSON document
   std::vector<std::pair<const char*, std::vector<const char*>>> engines;  // and their devices
   unsigned software_limit = 0;
   unsigned hardware_limit = 0;
-  bool locked = false;  // the record; without it there are no entries
+  bool locked = false;  // the record; if not, there are no entries
   std::vector<Entry> transcoding;
 };
 

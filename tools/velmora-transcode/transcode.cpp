@@ -26,7 +26,7 @@ void CheckLocked(const TransLoading& record) {
   }
 }
 
-/// The name of a process's program; empty when it has just ended.
+/// The name of a process's program; empty if the process has just ended.
 std::string CommandOf(int pid) {
   std::ifstream file(fmt::format("/proc/{}/comm", pid));
   std::string name;
@@ -39,7 +39,7 @@ bool IsTrue(const Json::Value& entry, const char* name) {
   return flag.isBool() && flag.asBool();
 }
 
-/// Whether the next transaction finds an entry of the process: it drops what names no process.
+/// Whether a new transaction finds an entry of the process. It drops entries without a process.
 bool IsRegistered(int pid) {
   const TransLoading record;
   const Json::Value& entries = record.GetEntries();
@@ -132,8 +132,8 @@ int Remove(const Options& options) {
   return kDone;
 }
 
-/// Registers this process, and becomes the command: the entry is the command's own, whatever ends
-/// it, and nothing stands beside it.
+/// Registers this process and becomes the command, so that the entry ends with the command,
+/// whatever ends it, and no other process waits for it.
 int RunCommand(const Options& options) {
   const int self = getpid();
   const std::string& name = options.command[0];
