@@ -17,9 +17,9 @@
 using namespace velmora::fuzz;
 using namespace velmora::plugin::network;
 
-namespace format = compat::format;
-using compat::BuiltinOperator;
-using compat::Step;
+namespace format = guards::format;
+using guards::BuiltinOperator;
+using guards::Step;
 
 extern "C" std::size_t LLVMFuzzerMutate(std::uint8_t* data, std::size_t size, std::size_t max_size);
 
@@ -31,29 +31,14 @@ bool HoldsNoFloats(const format::Tensor* tensor) {
   return tensor != nullptr && tensor->type() != format::TensorType::FLOAT32;
 }
 
-/// The inputs whose values say which sizes or places an operator makes.
-std::vector<flatbuffers::uoffset_t> SizesOf(BuiltinOperator code) {
-  switch (code) {
-    case BuiltinOperator::FILL:
-    case BuiltinOperator::RANDOM_STANDARD_NORMAL:
-    case BuiltinOperator::RANDOM_UNIFORM:
-    case BuiltinOperator::TRANSPOSE_CONV:
-      return {0};
-    case BuiltinOperator::SCATTER_ND:
-      return {0, 2};
-    case BuiltinOperator::SPARSE_TO_DENSE:
-      return {0, 1};
-    case BuiltinOperator::PAD:
-    case BuiltinOperator::PADV2:
-    case BuiltinOperator::MIRROR_PAD:
-    case BuiltinOperator::TILE:
-    case BuiltinOperator::BROADCAST_TO:
-    case BuiltinOperator::RESIZE_BILINEAR:
-    case BuiltinOperator::RESIZE_NEAREST_NEIGHBOR:
-      return {1};
-    default:
-      return {};
+/// Whether the file has the values by which an operator makes its sizes or places.
+bool HasSizes(const Step& step) {
+  const bool is_scatter = step.code() == BuiltinOperator::SCATTER_ND;
+  if (is_scatter || step.code() == BuiltinOperator::SPARSE_TO_DENSE) {
+    return !step.Constant(0).empty() && !step.Constant(is_scatter ? 2 : 1).empty();
   }
+  const auto input = step.InputOfSizes();
+  return !input || !step.Constant(*input).empty();
 }
 
 bool IsLeft(const Step& step, const std::vector<bool>& is_computed) {
@@ -92,10 +77,8 @@ bool IsLeft(const Step& step, const std::vector<bool>& is_computed) {
       (step.Input(0) == nullptr || step.Input(0)->type() != step.Output(0)->type())) {
     return true;
   }
-  for (const flatbuffers::uoffset_t i : SizesOf(step.code())) {
-    if (step.Constant(i).empty()) {
-      return true;
-    }
+  if (!HasSizes(step)) {
+    return true;
   }
   // Of what another operator makes, the shape may be a lie; one may be left open; and one may have
   // more axes than the operator is made for.
@@ -106,7 +89,7 @@ bool IsLeft(const Step& step, const std::vector<bool>& is_computed) {
       return true;  // and so may the type of an input
     }
     if ((tensor < is_computed.size() && is_computed[tensor]) ||
-        std::ranges::count(shape, compat::kUnknown) != 0 || shape.size() > 4) {
+        std::ranges::count(shape, guards::kUnknown) != 0 || shape.size() > 4) {
       return true;
     }
   }
@@ -115,8 +98,8 @@ bool IsLeft(const Step& step, const std::vector<bool>& is_computed) {
 
 bool IsLeft(const format::Model& model) {
   for (const auto* const graph : *model.subgraphs()) {
-    std::vector<bool> is_computed(compat::OrEmpty(graph->tensors()).size());
-    for (const auto* const table : compat::OrEmpty(graph->operators())) {
+    std::vector<bool> is_computed(guards::OrEmpty(graph->tensors()).size());
+    for (const auto* const table : guards::OrEmpty(graph->operators())) {
       const Step step(model, *graph, *table);
       if (IsLeft(step, is_computed)) {
         return true;
@@ -327,7 +310,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   NoteOutcome(end);
   const format::Model& format = *format::GetModel(data);
   for (const auto* const graph : *format.subgraphs()) {
-    for (const auto* const table : compat::OrEmpty(graph->operators())) {
+    for (const auto* const table : guards::OrEmpty(graph->operators())) {
       NoteOutcome(8 + 8 * static_cast<unsigned>(Step(format, *graph, *table).code()) + end);
       return 0;
     }

@@ -4,6 +4,7 @@
 #include <sys/mman.h>
 
 #include <algorithm>
+#include <optional>
 
 #include "tensorflow_lite/step.h"
 
@@ -137,28 +138,11 @@ bool IsFilled(const Step& step, const std::vector<std::int64_t>& output) {
 }  // namespace
 
 Reason LookAtSizes(const Step& step) {
-  flatbuffers::uoffset_t at = 1;
-  switch (step.code()) {
-    case BuiltinOperator::FILL:
-    case BuiltinOperator::RANDOM_STANDARD_NORMAL:
-    case BuiltinOperator::RANDOM_UNIFORM:
-    case BuiltinOperator::TRANSPOSE_CONV:
-      at = 0;
-      break;
-    case BuiltinOperator::PAD:
-    case BuiltinOperator::PADV2:
-    case BuiltinOperator::MIRROR_PAD:
-    case BuiltinOperator::TILE:
-    case BuiltinOperator::BROADCAST_TO:
-    case BuiltinOperator::RESIZE_BILINEAR:
-    case BuiltinOperator::RESIZE_NEAREST_NEIGHBOR:
-      break;
-    default:
-      return {};
-  }
-  const std::vector<std::int64_t> sizes = step.Constant(at);
+  const std::optional<flatbuffers::uoffset_t> input = step.InputOfSizes();
+  const std::vector<std::int64_t> sizes =
+      input ? step.Constant(*input) : std::vector<std::int64_t>();
   if (sizes.empty()) {
-    return {};  // computed, or a scalar's
+    return {};  // none, computed, or a scalar's
   }
   const std::int64_t least = step.code() == BuiltinOperator::MIRROR_PAD       ? -INT32_MAX
                              : step.code() == BuiltinOperator::TRANSPOSE_CONV ? 1

@@ -62,6 +62,26 @@ std::vector<std::int64_t> Step::Constant(flatbuffers::uoffset_t input) const {
   return values;
 }
 
+std::optional<flatbuffers::uoffset_t> Step::InputOfSizes() const {
+  switch (code_) {
+    case BuiltinOperator::FILL:
+    case BuiltinOperator::RANDOM_STANDARD_NORMAL:
+    case BuiltinOperator::RANDOM_UNIFORM:
+    case BuiltinOperator::TRANSPOSE_CONV:
+      return 0;
+    case BuiltinOperator::PAD:
+    case BuiltinOperator::PADV2:
+    case BuiltinOperator::MIRROR_PAD:
+    case BuiltinOperator::TILE:
+    case BuiltinOperator::BROADCAST_TO:
+    case BuiltinOperator::RESIZE_BILINEAR:
+    case BuiltinOperator::RESIZE_NEAREST_NEIGHBOR:
+      return 1;
+    default:
+      return std::nullopt;
+  }
+}
+
 const format::Tensor* Step::Tensor(const Indices& indices, flatbuffers::uoffset_t i) const {
   return i < indices.size() && static_cast<std::uint32_t>(indices[i]) < tensors_.size()
              ? tensors_[static_cast<std::uint32_t>(indices[i])]

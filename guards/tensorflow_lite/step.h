@@ -4,6 +4,7 @@
 #include <model_format_generated.h>
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -39,6 +40,9 @@ class Step {
 
   /// The values of a constant of integers; none for any other tensor.
   std::vector<std::int64_t> Constant(flatbuffers::uoffset_t input) const;
+
+  /// The input whose values are the sizes that the operator makes, if it has one.
+  std::optional<flatbuffers::uoffset_t> InputOfSizes() const;
 
   /// With kUnknown for a size that only a run knows.
   static std::vector<std::int64_t> ShapeOf(const format::Tensor* tensor);
