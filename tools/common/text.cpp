@@ -20,10 +20,10 @@ struct Character {
 /// invisible or change the direction of text. Combining accents and vowels are shown, at no
 /// columns.
 int Columns(wchar_t code) {
-  static const std::wctype_t combining = std::wctype("combining");
+  static const std::wctype_t kCombining = std::wctype("combining");
   const std::wint_t character = std::char_traits<wchar_t>::to_int_type(code);
   const int width = wcwidth(code);
-  return width != 0 || std::iswalpha(character) != 0 || std::iswctype(character, combining) != 0
+  return width != 0 || std::iswalpha(character) != 0 || std::iswctype(character, kCombining) != 0
              ? width
              : -1;
 }

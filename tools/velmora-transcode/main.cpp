@@ -18,8 +18,8 @@ namespace {
 using namespace velmora::tool;  // NOLINT(google-build-using-namespace)
 
 constexpr char kHelp[] =
-    R"(Each command is one transaction on the record that transcoders and networks
-share. It waits while another process has the record locked.
+    R"(Transcoders and networks share the record. Each command locks it for a moment,
+and waits while another process has it locked.
 
 Exit status:
   0  success
