@@ -156,7 +156,7 @@ TEST_F(VelmoraModelTest, ShowsAndSavesOutputsAsTheyAre) {
   const std::string infinite = Caffe(kCopy, 1, 1, R"("gray", "scale": 3e38)");
   const Json::Value output = RunJson({"outputs", infinite, kGood})["images"][0]["outputs"][0];
   EXPECT_EQ(1, output["not_finite"].asInt());
-  EXPECT_EQ(0, output["least"].asDouble());
+  EXPECT_EQ(0, output["min"].asDouble());
 }
 
 TEST_F(VelmoraModelTest, ShowsValuesThatAreNoProbabilitiesAsValues) {

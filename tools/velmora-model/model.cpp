@@ -111,12 +111,12 @@ void SayWarning(const Model& model, Console* console) {
 
 std::string WhyNoProbabilities(const Model& model, const std::vector<float>& values) {
   constexpr float kRounding = 1e-3F;  // for engines that compute in 16 bits
-  const auto [least, greatest] = std::minmax_element(values.begin(), values.end());
-  if (values.empty() || (*least >= -kRounding && *greatest <= 1 + kRounding)) {
+  const auto [min, max] = std::minmax_element(values.begin(), values.end());
+  if (values.empty() || (*min >= -kRounding && *max <= 1 + kRounding)) {
     return "";
   }
   return fmt::format("output \"{}\" has values from {:.4g} to {:.4g}, which are no probabilities",
-                     model.engine.outputs[0], *least, *greatest);
+                     model.engine.outputs[0], *min, *max);
 }
 
 Model LoadModel(const std::string& path, std::optional<Backend> backend, Use use) {

@@ -22,12 +22,12 @@ CLI::Option* AddText(CLI::App* command, const char* name, std::string* value, co
   return command->add_option(name, *value, help)->type_name(type);
 }
 
-CLI::Option* AddNumber(CLI::App* command, const char* name, int* value, const char* type, int least,
-                       int most, const char* help) {
+CLI::Option* AddNumber(CLI::App* command, const char* name, int* value, const char* type, int min,
+                       int max, const char* help) {
   // Without the range's usual description, --help says "N" and no more.
   return command->add_option(name, *value, help)
       ->type_name(type)
-      ->check(CLI::Range(least, most).description(""));
+      ->check(CLI::Range(min, max).description(""));
 }
 
 void AddModel(CLI::App* command, std::string* path) {

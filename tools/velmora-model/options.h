@@ -39,7 +39,7 @@ void AddJson(CLI::App* command, bool* json);
 /// An option, or an argument when its name has no "--".
 CLI::Option* AddText(CLI::App* command, const char* name, std::string* value, const char* type,
                      const char* help);
-CLI::Option* AddNumber(CLI::App* command, const char* name, int* value, const char* type, int least,
-                       int most, const char* help);
+CLI::Option* AddNumber(CLI::App* command, const char* name, int* value, const char* type, int min,
+                       int max, const char* help);
 
 }  // namespace velmora::tool

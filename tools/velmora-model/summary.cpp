@@ -24,8 +24,8 @@ OutputSummary Summarise(const std::string& name, const std::vector<float>& value
       ++summary.not_finite;
       continue;
     }
-    summary.least = finite == 0 ? value : std::min<double>(summary.least, value);
-    summary.greatest = finite == 0 ? value : std::max<double>(summary.greatest, value);
+    summary.min = finite == 0 ? value : std::min<double>(summary.min, value);
+    summary.max = finite == 0 ? value : std::max<double>(summary.max, value);
     sum += value;
     ++finite;
   }
@@ -34,13 +34,13 @@ OutputSummary Summarise(const std::string& name, const std::vector<float>& value
 }
 
 std::string SummaryTitles() {
-  return fmt::format("{:>9}  {:>10}  {:>10}  {:>10}  {:>10}", "values", "least", "mean", "greatest",
+  return fmt::format("{:>9}  {:>10}  {:>10}  {:>10}  {:>10}", "values", "min", "mean", "max",
                      "not finite");
 }
 
 std::string SummaryColumns(const OutputSummary& summary) {
   return fmt::format("{:>9}  {:>10.4g}  {:>10.4g}  {:>10.4g}  {:>10}", summary.values(),
-                     summary.least, summary.mean, summary.greatest, summary.not_finite);
+                     summary.min, summary.mean, summary.max, summary.not_finite);
 }
 
 Json::Value ToJson(const OutputSummary& summary) {
@@ -50,9 +50,9 @@ Json::Value ToJson(const OutputSummary& summary) {
   for (const std::size_t size : summary.shape) {
     entry["shape"].append(Json::UInt64{size});
   }
-  entry["least"] = summary.least;
+  entry["min"] = summary.min;
   entry["mean"] = summary.mean;
-  entry["greatest"] = summary.greatest;
+  entry["max"] = summary.max;
   entry["not_finite"] = Json::UInt64{summary.not_finite};
   return entry;
 }

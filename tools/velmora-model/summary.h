@@ -13,9 +13,9 @@ struct OutputSummary {
   std::vector<std::size_t> shape;  // their product is the number of values
   std::size_t not_finite = 0;
   // Of the finite values; 0 where there are none.
-  double least = 0;
+  double min = 0;
   double mean = 0;
-  double greatest = 0;
+  double max = 0;
 
   std::size_t values() const;
 };
