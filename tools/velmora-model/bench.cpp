@@ -5,7 +5,6 @@
 #include <sys/utsname.h>
 
 #include <CLI/Option.hpp>
-#include <algorithm>
 #include <chrono>
 #include <ctime>
 #include <fstream>

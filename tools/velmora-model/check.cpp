@@ -1,6 +1,5 @@
 #include <fmt/format.h>
 #include <json/json.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
