@@ -2,21 +2,16 @@
 #pragma once
 
 #include <opencv2/dnn.hpp>
-#include <string>
-#include <unordered_map>
-#include <vector>
 
 #include "side.h"
 
 class ByHand {
  public:
   explicit ByHand(const Task& task)
-      : net_(cv::dnn::readNetFromCaffe(std::string(task.name) + ".prototxt",
-                                       std::string(task.name) + ".caffemodel")) {}
+      : net_(cv::dnn::readNetFromCaffe(task.name + ".prototxt", task.name + ".caffemodel")) {}
 
-  std::vector<std::unordered_map<std::string, std::vector<float>>> Forward(
-      const std::vector<cv::Mat>& images) {
-    std::vector<std::unordered_map<std::string, std::vector<float>>> results;
+  std::vector<Output> Forward(const std::vector<cv::Mat>& images) {
+    std::vector<Output> results;
     for (const cv::Mat& image : images) {
       net_.setInput(cv::dnn::blobFromImage(image), "data");
       const std::vector<cv::String> names = {"prob"};

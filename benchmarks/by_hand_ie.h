@@ -3,31 +3,24 @@
 
 #include <opencv2/core.hpp>
 #include <openvino/openvino.hpp>
-#include <string>
-#include <unordered_map>
-#include <vector>
 
 #include "side.h"
 
 /// Told the same as the library tells the engine.
 class ByHand {
  public:
-  using Output = std::unordered_map<std::string, std::vector<float>>;
-
   explicit ByHand(const Task& task) {
-    const std::string name = task.name;
-    const std::string device = task.device;
     ov::Core core;
     core.set_property(ov::cache_dir("/var/packages/Velmora/target/models/openvino_cache"));
-    const auto model = core.read_model(name + ".xml", name + ".bin");
+    const auto model = core.read_model(task.name + ".xml", task.name + ".bin");
     ov::Shape shape = model->input().get_shape();
     shape[0] = static_cast<std::size_t>(task.batch);
     model->reshape(ov::PartialShape(shape));
     ov::AnyMap properties;
-    if (device == "CPU") {
+    if (task.device == "CPU") {
       properties.insert(ov::hint::inference_precision(ov::element::f32));
     }
-    request_ = core.compile_model(model, device, properties).create_infer_request();
+    request_ = core.compile_model(model, task.device, properties).create_infer_request();
   }
 
   std::vector<Output> Forward(const std::vector<cv::Mat>& images) {

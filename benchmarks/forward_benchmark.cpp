@@ -9,47 +9,11 @@
 // measured is what a network that may move costs above the engine, its look at the record of
 // transcoding included.
 #include <benchmark/benchmark.h>
-#include <dlfcn.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <memory>
 
 #include "interleaved.h"
 #include "side.h"
-
-namespace {
-
-std::unique_ptr<Side> LoadSide(const char* module, const Task& task) {
-  void* const library = dlopen(module, RTLD_NOW | RTLD_LOCAL);
-  auto* const load =
-      library == nullptr ? nullptr : reinterpret_cast<LoadFunction*>(dlsym(library, "Load"));
-  std::unique_ptr<Side> side(load == nullptr ? nullptr : load(task));
-  if (!side) {
-    std::fprintf(stderr, "%s\n", load == nullptr ? dlerror() : module);
-    std::exit(1);
-  }
-  return side;
-}
-
-void Forward(benchmark::State& state, Side* library, Side* by_hand) {
-  library->Forward();
-  by_hand->Forward();
-  if (library->Answers() != by_hand->Answers()) {
-    state.SkipWithError("the two sides compute different values");
-    return;
-  }
-  Interleaved times(2);
-  for (auto _ : state) {
-    times.Run({[&] { library->Forward(); }, [&] { by_hand->Forward(); }});
-    state.SetIterationTime(times.LastSeconds(0));
-  }
-  state.counters["library_ms"] = times.Median(0) * 1e3;
-  state.counters["by_hand_ms"] = times.Median(1) * 1e3;
-  state.counters["ratio"] = times.Median(0) / times.Median(1);
-}
-
-}  // namespace
 
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
@@ -61,10 +25,23 @@ int main(int argc, char** argv) {
   }
   const Task task = {argv[3], std::atoi(argv[4]), std::atoi(argv[5]),
                      argc > 6 ? std::atoi(argv[6]) : 1, argc > 7 ? argv[7] : "CPU"};
-  const std::unique_ptr<Side> library = LoadSide(argv[1], task);
-  const std::unique_ptr<Side> by_hand = LoadSide(argv[2], task);
+  const std::unique_ptr<Side> library(OpenSide(argv[1])(task));
+  const std::unique_ptr<Side> by_hand(OpenSide(argv[2])(task));
+  library->Forward();
+  by_hand->Forward();
+  if (library->Answers() != by_hand->Answers()) {
+    std::fputs("forward-benchmark: the two sides compute different values\n", stderr);
+    return 1;
+  }
   benchmark::RegisterBenchmark("Forward", [&](benchmark::State& state) {
-    Forward(state, library.get(), by_hand.get());
+    Interleaved times(2);
+    for (auto _ : state) {
+      times.Run({[&] { library->Forward(); }, [&] { by_hand->Forward(); }});
+      state.SetIterationTime(times.LastSeconds(0));
+    }
+    state.counters["library_ms"] = times.Median(0) * 1e3;
+    state.counters["by_hand_ms"] = times.Median(1) * 1e3;
+    state.counters["ratio"] = times.Median(0) / times.Median(1);
   })->UseManualTime();
   benchmark::RunSpecifiedBenchmarks();
 }

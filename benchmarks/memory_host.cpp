@@ -1,86 +1,64 @@
 // A host that links neither the library nor an engine: it loads a module, builds a network of
-// NAME.xml or another form in it, runs and deletes it, and prints one line of JSON for each step.
+// NAME.xml or another form in it, runs it twice and deletes it, and prints as JSON what each of
+// these steps took and what the process held after it.
 //
 // usage: memory-host MODULE NAME [LIBRARY...]
 //
 // The libraries are loaded before the module: with all that the library links, what is left between
 // the library and the same by hand is its own.
-#include <dlfcn.h>
+#include <link.h>
 #include <malloc.h>
 
 #include <chrono>
 #include <cstdio>
 #include <fstream>
-#include <set>
+#include <functional>
+#include <memory>
 #include <string>
 
 #include "side.h"
 
 namespace {
 
-/// Runs the step and tells what it took and what the process is afterwards.
-template <typename Work>
-void Step(const char* name, Work work) {
+void Step(const char* name, const std::function<void()>& work) {
   const auto start = std::chrono::steady_clock::now();
   work();
   const std::chrono::duration<double, std::milli> taken = std::chrono::steady_clock::now() - start;
   malloc_trim(0);  // what has been freed counts for nobody
-  std::size_t rss = 0;
   std::ifstream rollup("/proc/self/smaps_rollup");
-  for (std::string line; std::getline(rollup, line);) {
-    rss = line.starts_with("Rss:") ? std::stoul(line.substr(4)) : rss;
+  std::string word;
+  while (rollup >> word && word != "Rss:") {
   }
-  std::set<std::string> libraries;
-  std::ifstream maps("/proc/self/maps");
-  for (std::string line; std::getline(maps, line);) {
-    if (const std::size_t path = line.find('/');
-        path != std::string::npos && line.find(".so", path) != std::string::npos) {
-      libraries.insert(line.substr(path));
-    }
-  }
-  std::printf("{\"step\": \"%s\", \"ms\": %.3f, \"rss_kib\": %zu, \"libraries\": %zu}\n", name,
-              taken.count(), rss, libraries.size());
-}
-
-int Fail(const char* what) {
-  std::fprintf(stderr, "%s\n", what);
-  return 1;
+  std::size_t rss = 0;
+  rollup >> rss;
+  int libraries = -2;  // without the program and what the kernel gives
+  dl_iterate_phdr(
+      [](dl_phdr_info*, std::size_t, void* count) { return ++*static_cast<int*>(count), 0; },
+      &libraries);
+  static char separator = '{';
+  std::printf("%c\"%s\": {\"ms\": %.3f, \"rss_kib\": %zu, \"libraries\": %d}\n", separator, name,
+              taken.count(), rss, libraries);
+  separator = ',';
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
   if (argc < 3) {
-    return Fail("usage: memory-host MODULE NAME [LIBRARY...]");
+    std::fputs("usage: memory-host MODULE NAME [LIBRARY...]\n", stderr);
+    return 2;
   }
-  Step("start", [] {});
-  if (argc > 3) {
-    bool loaded = true;
-    Step("preload", [&] {
-      for (int i = 3; i < argc; ++i) {
-        loaded = dlopen(argv[i], RTLD_NOW | RTLD_LOCAL) != nullptr && loaded;
-      }
-    });
-    if (!loaded) {
-      return Fail(dlerror());
-    }
+  for (int i = 3; i < argc; ++i) {
+    Open(argv[i]);
   }
   LoadFunction* load = nullptr;
-  Step("dlopen", [&] {
-    if (void* const module = dlopen(argv[1], RTLD_NOW | RTLD_LOCAL); module != nullptr) {
-      load = reinterpret_cast<LoadFunction*>(dlsym(module, "Load"));
-    }
+  Step("dlopen", [&] { load = OpenSide(argv[1]); });
+  std::unique_ptr<Side> network;
+  Step("create", [&] { network.reset(load({argv[2], 224, 224})); });
+  Step("forward", [&] {
+    network->Forward();
+    network->Forward();
   });
-  if (load == nullptr) {
-    return Fail(dlerror());
-  }
-  Side* network = nullptr;
-  Step("create", [&] { network = load({argv[2], 224, 224, 1, "CPU"}); });
-  if (network == nullptr) {
-    return 1;
-  }
-  Step("first forward", [&] { network->Forward(); });
-  Step("second forward", [&] { network->Forward(); });
-  Step("delete", [&] { delete network; });
-  return 0;
+  Step("delete", [&] { network.reset(); });
+  std::puts("}");
 }
