@@ -1,21 +1,20 @@
 /// \file
-/// Whole JSON documents from and to files.
+/// Reads and writes whole JSON documents.
 ///
-/// All four functions return false for any failure and throw nothing, whatever the file holds: a
-/// document that the parser refuses, or of more than 100 levels of nesting, does not parse.
-/// Failures are written to syslog, except that a file that cannot be opened for reading is not. An
-/// empty path is a failure that touches no file.
+/// All four functions return false on failure and throw nothing, whatever the file contains. A
+/// document that the parser rejects or that is nested more than 100 levels deep is a failure.
+/// Failures are logged to syslog, except when a file cannot be opened for reading. An empty path
+/// fails without touching any file.
 ///
-/// `root` belongs to the caller. After a failed read it holds whatever the parser left there.
+/// `root` belongs to the caller. After a failed read it contains whatever the parser left in it.
 ///
-/// The functions keep no state and may be called from any thread at once, on different `root`s.
+/// The functions keep no state and may be called from several threads at once, each with its own
+/// `root`. They refuse to open FIFOs, sockets and devices, so they never wait for another process
+/// and never read an endless device.
 ///
-/// A FIFO, a socket or a device is not opened: nothing here waits for a process at the other end,
-/// or reads a device that does not end.
-///
-/// JsonCpp reads numbers with a fraction or an exponent, and no others, in the C++ global locale.
-/// In a process that has made it one with a decimal comma, a document with such a number does not
-/// parse, or loses the fraction. Writing does not depend on the locale.
+/// JsonCpp parses numbers with a fraction or an exponent in the C++ global locale. If that locale
+/// has a decimal comma, a document with such a number fails to parse or the fraction is lost. Other
+/// numbers and all writing are independent of the locale.
 #pragma once
 
 #include <json/value.h>
@@ -25,25 +24,24 @@
 
 namespace LibReelhouse {
 
-/// Reads the file under a shared lock, flock(2), on the file itself: waits for a WriteJsonToFile()
-/// of the same file and so sees the old or the new document, never a part of one. A file that
-/// cannot be locked is read all the same. Does not create the file.
+/// Reads the file under a shared flock(2) lock on the file itself. It waits for a WriteJsonToFile()
+/// of the same file, and therefore sees either the old or the new document. If the file cannot be
+/// locked, it is read anyway. A missing file is not created.
 VELMORA_EXPORT bool ReadJsonFromFile(const std::string& path, Json::Value& root);
 
-/// The same for a caller that already excludes writers.
+/// Does the same for a caller that already excludes writers.
 VELMORA_EXPORT bool ReadJsonFromFileWithoutLock(const std::string& path, Json::Value& root);
 
-/// Replaces the file's content by the document, on one line, under an exclusive lock on the file
-/// itself. Creates a missing file (mode 0664 less the umask), but no directory. A file that cannot
-/// be locked is written all the same.
+/// Replaces the file's content with the document, on one line, under an exclusive lock on the file
+/// itself. Creates a missing file (mode 0664 minus the umask), but no directories. If the file
+/// cannot be locked, it is written anyway.
 ///
-/// The file is emptied and rewritten in place, and the result tells of the writing alone: true does
-/// not promise that the text has reached the file system, because what fails when the file is
-/// closed (a short document on a full disk) is not reported.
+/// The file is truncated and rewritten in place. True does not guarantee that the text has reached
+/// the file: a failure to write less than 1024 bytes, as on a full disk, is not reported.
 VELMORA_EXPORT bool WriteJsonToFile(const std::string& path, const Json::Value& root);
 
-/// The same for a caller that already excludes readers and writers. A missing file gets mode 0666
-/// less the umask.
+/// Does the same for a caller that already excludes readers and writers. A missing file gets mode
+/// 0666 minus the umask.
 VELMORA_EXPORT bool WriteJsonToFileWithoutLock(const std::string& path, const Json::Value& root);
 
 }  // namespace LibReelhouse

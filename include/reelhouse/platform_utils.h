@@ -7,49 +7,49 @@
 /// The video service's view of the machine.
 namespace librh::util {
 
-/// Which appliance this is, and what it can do for transcoding.
+/// Which appliance this is and what it can do for transcoding.
 ///
-/// The platform's codename and the model are read once in a process, from the key "unique" of
-/// "/etc.defaults/karvinfo.conf", and most questions compare them with fixed strings. They stay
-/// empty where that cannot be read: then every platform question answers false. All operations may
-/// be called from any thread at once, and none throws because of what a file holds.
+/// The platform codename and the model are read once per process, from the key "unique" of
+/// "/etc.defaults/karvinfo.conf". If that fails they are empty, and every question about the
+/// platform is answered with false. All functions may be called from several threads at once. None
+/// of them throws because of what a file contains.
 class VELMORA_EXPORT PlatformUtils {
  public:
-  /// The one instance of the process, made by the first call; never null, and not the caller's to
-  /// delete. Usable until the process destroys its static objects.
+  /// Returns the only instance in the process, which the first call creates. Never null; the caller
+  /// must not delete it. Usable until the process destroys its static objects.
   static PlatformUtils* GetInst();
 
-  /// For GetInst(): an object made otherwise reads the system information anew.
+  /// Only for GetInst(): every other object reads the system information again.
   PlatformUtils();
   PlatformUtils(const PlatformUtils&) = delete;
   PlatformUtils& operator=(const PlatformUtils&) = delete;
   ~PlatformUtils();
 
-  /// What the constructor does.
+  /// Reads the system information. Only the constructor calls this.
   void GetPlatformAndModelName();
 
-  /// The codename, such as "apollolake"; empty when unknown. Valid as long as the object.
+  /// Returns the codename, such as "apollolake", or "" if unknown. Valid as long as the object.
   const std::string& GetPlatform() const { return platform; }
 
-  /// The model, such as "vb52s"; empty when unknown. Valid as long as the object.
+  /// Returns the model, such as "vb52s", or "" if unknown. Valid as long as the object.
   const std::string& GetModel() const { return model; }
 
-  /// First line of "/proc/karv_platform" as it stands; "" where that cannot be opened.
+  /// Returns the first line of "/proc/karv_platform" unchanged, or "" if it cannot be opened.
   std::string GetHostPlatformName();
 
-  /// What follows the colon on the first line of "/proc/cpuinfo" that has exactly one colon and
-  /// `key` somewhere before it; leading blanks stay. "" when there is none. An empty key and a file
-  /// that cannot be opened are logged.
+  /// Finds the first line of "/proc/cpuinfo" that contains exactly one colon and, before it, `key`,
+  /// and returns what follows the colon, including leading blanks. Returns "" if there is none. An
+  /// empty key and a file that cannot be opened are logged.
   std::string GetCPUInfo(const std::string& key);
 
-  /// The name under which the transcoder's tuning knows this machine: a platform, "_" and a core
-  /// class, 1 or 2 (more than one core). "x86_1" for a machine that it does not know.
+  /// Returns the name of this machine in the transcoder's tuning: a platform, "_" and a core class,
+  /// 1 or 2 (more than one core). Returns "x86_1" for an unknown machine.
   std::string GetTransPlatformName();
 
-  /// Always empty: callers use their own default.
+  /// Always returns "", so that callers use their own default.
   std::string GetFFmpegPath();
 
-  /// Always empty: callers use their own default.
+  /// Always returns "", so that callers use their own default.
   std::string GetGstreamerPath();
 
   bool IsEvansport();   ///< The platform is "evansport".
@@ -58,45 +58,42 @@ class VELMORA_EXPORT PlatformUtils {
   bool IsApolloLake();  ///< The platform is "apollolake".
   bool IsGeminiLake();  ///< The platform is "geminilake".
 
-  /// True where media acceleration is VA-API.
+  /// Whether media acceleration uses VA-API.
   bool IsSupportVaapi();
 
   bool IsRTD1296();  ///< The platform is "rtd1296".
 
-  /// True where the hardware codec is driven through OMX: the models vb31, vb52, vb52s, vb74 and
-  /// qb9 of the platform "rtd1296".
+  /// Whether the hardware codec is driven through OMX: models vb31, vb52, vb52s, vb74 and qb9 of
+  /// the platform "rtd1296".
   bool IsSupportOMX();
 
-  /// True where there is a hardware transcoder at all, switched on or not.
+  /// Whether the machine has a hardware transcoder, enabled or not.
   bool IsSupportHWTranscode();
 
-  /// True where the transcoder is a GStreamer pipeline: "monaco", and where the codec is driven
-  /// through OMX.
+  /// Whether the transcoder is a GStreamer pipeline: on "monaco", and where IsSupportOMX() is true.
   bool IsSupportGstreamer();
 
   bool IsAlpine();  ///< The platform is "alpine" or "alpine4k".
 
-  /// True where the transcoder is tuned as for "avoton": on that platform, and on those whose names
+  /// Whether the transcoder is tuned as for "avoton": on that platform and on those whose names
   /// begin with "broadwell" or "grantley".
   bool IsAvotonProfile();
 
   bool IsFFmpeg2();  ///< The platform is "evansport", "rtd1296" or "monaco".
 
-  /// True where there is a hardware transcoder and the user has not switched it off in
-  /// "/var/packages/Reelhouse/etc/advanced.conf", a JSON object with the boolean
-  /// "hardware_transcode". The file is read at every call, under a shared lock, and only on
-  /// platforms that can transcode without hardware.
+  /// Whether there is a hardware transcoder that the user has not disabled. The setting is the
+  /// boolean "hardware_transcode" in the JSON object "/var/packages/Reelhouse/etc/advanced.conf".
+  /// Each call reads it under a shared lock, but only on platforms that can also transcode without
+  /// hardware.
   bool IsHWSettingEnabled();
 
-  /// IsHWSettingEnabled() on a VA-API platform; false on others.
+  /// IsHWSettingEnabled() on a VA-API platform, otherwise false.
   bool IsVaapiFFmpegEnabled();
 
  private:
   std::string platform;
   std::string model;
-
-  // Always empty; it keeps the object's layout.
-  std::string reserved;
+  std::string reserved;  // always empty, but part of the object's layout
 };
 
 }  // namespace librh::util

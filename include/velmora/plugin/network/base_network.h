@@ -8,22 +8,22 @@
 #include <unordered_map>
 #include <vector>
 
-/// Neural networks on images, whatever engine the machine has.
+/// Neural networks on images, independent of the engine that the machine has.
 namespace velmora::plugin::network {
 
-/// The result of one image: output name to that output's values, flat, in the output's own memory
+/// The result for one image. It maps each output's name to its values, in the output's own memory
 /// order (C x H x W for the output of a convolution in the dnn and Inference Engine backends).
 using OutputMap = std::unordered_map<std::string, std::vector<float>>;
 
-/// What the library throws for its own failures. It derives from nothing on purpose: catch it by
-/// this type. Exceptions of the engines and of the standard library pass through as they are.
+/// What the library throws for its own errors. It deliberately derives from nothing, so it must be
+/// caught by this type. Other exceptions, of the engines and the standard library, pass through.
 class VELMORA_EXPORT Exception {
  public:
   /// An error with this text.
   explicit Exception(std::string text);
 
   /// @{
-  /// Copies and moves the text; an assigned exception loses its own.
+  /// Copies or moves the text.
   Exception(const Exception& other);
   Exception(Exception&& other) noexcept;
   Exception& operator=(const Exception& other);
@@ -32,44 +32,44 @@ class VELMORA_EXPORT Exception {
 
   ~Exception();
 
-  /// Fixed English text.
+  /// A fixed English text.
   std::string message;
 };
 
-/// A loaded network, whatever the engine. One object is used by one thread at a time; different
-/// objects are independent. Images are prepared by the caller (size, channel order, normalisation);
-/// the library resizes and scales nothing.
+/// A loaded network of any engine. An object must not be used by two threads at once; different
+/// objects are independent. The caller prepares the images (size, channel order, normalisation):
+/// the library does not resize or scale them.
 ///
-/// Call any number of Forward(), or pairs of ForwardAsync() and WaitOutput(), then delete the
-/// object through this class. A child made by fork(2) may do none of this with a network of its
-/// parent's, nor end by exit(3) where that would delete one: the engine's threads are not there.
+/// Call Forward(), or ForwardAsync() and then WaitOutput(), any number of times, then delete the
+/// object through this class. After fork(2), the child must neither use nor delete a network of its
+/// parent, nor call exit(3) if that would delete one, because it lacks the engine's threads.
 class VELMORA_EXPORT BaseNetwork {
  public:
-  /// Keeps a copy of `config` for the life of the network.
+  /// Stores a copy of `config`.
   explicit BaseNetwork(NetworkConfig config);
   BaseNetwork(const BaseNetwork&) = delete;
   BaseNetwork& operator=(const BaseNetwork&) = delete;
   virtual ~BaseNetwork();
 
-  /// Starts inference on one image; its result is fetched by WaitOutput(). The image must stay
-  /// unchanged until then. A backend that does not override this ignores the call.
+  /// Starts inference on one image, which must not change until WaitOutput() returns the result.
+  /// The default implementation does nothing.
   virtual void ForwardAsync(const cv::Mat& image);
 
   /// Waits for the last ForwardAsync() and returns its result.
   virtual OutputMap WaitOutput() = 0;
 
-  /// Runs every image; returns one map for each, in the order of the images.
+  /// Runs all images and returns one map per image, in the same order.
   virtual std::vector<OutputMap> Forward(const std::vector<cv::Mat>& images) = 0;
 
-  /// Runs one image: H x W x C, channels interleaved, continuous, 32-bit floats.
+  /// Runs one image: H x W x C 32-bit floats, continuous, with interleaved channels.
   virtual OutputMap Forward(const cv::Mat& image) = 0;
 
-  /// True when the host should end its process after it has shut this network down, rather than
-  /// merely delete it.
+  /// Whether the host should exit its process after shutting this network down, instead of merely
+  /// deleting the network.
   virtual bool ShouldExitAfterShutdown() const;
 
  protected:
-  /// The copy that was made at construction; no operation changes it.
+  /// Never changes after construction.
   NetworkConfig config_;
 };
 

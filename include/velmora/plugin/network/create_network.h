@@ -5,14 +5,14 @@
 
 namespace velmora::plugin::network {
 
-/// Builds the network that this machine supports and `config` allows: an IeNetwork when the machine
-/// can run the Inference Engine and enable_ie is set; else a TfLiteNetwork when it can run
-/// TensorFlow Lite and enable_tflite is set; else a DnnNetwork when enable_dnn is set. The machine
-/// is asked through libvelmora-plugin-platform.so.1, at every call.
+/// Creates the network that this machine supports and `config` allows: an IeNetwork if the machine
+/// can run the Inference Engine and enable_ie is set; otherwise a TfLiteNetwork if it can run
+/// TensorFlow Lite and enable_tflite is set; otherwise a DnnNetwork if enable_dnn is set. Each call
+/// asks libvelmora-plugin-platform.so.1 what the machine supports.
 ///
-/// The caller owns the network and deletes it. Never null. Throws Exception "Network not support
-/// any framework" when nothing is left, and passes on what the chosen backend's constructor throws:
-/// no other backend is tried then.
+/// The caller owns the network, which is never null, and must delete it. Throws Exception "Network
+/// not support any framework" if none of the three applies. Exceptions from the chosen backend's
+/// constructor pass through; no other backend is tried.
 VELMORA_EXPORT BaseNetwork* CreateNetwork(NetworkConfig config);
 
 }  // namespace velmora::plugin::network

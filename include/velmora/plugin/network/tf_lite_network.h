@@ -9,40 +9,40 @@
 
 namespace velmora::plugin::network {
 
-/// Runs a TensorFlow Lite model on the CPU, with the engine's built-in operators and its own choice
-/// of threads. One object is used by one thread at a time.
+/// Runs a TensorFlow Lite model on the CPU, with the engine's built-in operators and default number
+/// of threads. An object must not be used by two threads at once.
 ///
-/// The model's first input must be 32-bit floats, N x H x W x C: an image is H x W x C continuous
-/// 32-bit floats, channels interleaved, copied as it is (more values than the input takes are
-/// passed over), and is always one image, whatever N is. The result is one entry "output": the
-/// first output, which must be 32-bit floats too, as many values of it as its second dimension
-/// says. Further inputs are never fed, further outputs never read.
+/// The model's first input must be 32-bit floats of the shape N x H x W x C. An image is H x W x C
+/// continuous 32-bit floats with interleaved channels. It is copied unchanged, without values in
+/// excess of H x W x C, and is always a single image, whatever N is. The result has one entry,
+/// "output": the first output, which must also be 32-bit floats, with as many values as its second
+/// dimension states. Other inputs are never set and other outputs never read.
 class VELMORA_EXPORT TfLiteNetwork : public BaseNetwork {
  public:
-  /// Loads `tflite_model_path`, the only field that is read. Throws Exception "Failed to load
-  /// model" for a file that cannot be read or is no model, "Failed to build interpreter" and
-  /// "Failed to allocate tensors" for a model that this engine cannot run. The file stays mapped: a
-  /// new one may take its name, but nobody may write into it while the network lives.
+  /// Loads `tflite_model_path`, the only field that is used. Throws Exception "Failed to load
+  /// model" if the file cannot be read or does not contain a valid model, and "Failed to build
+  /// interpreter" or "Failed to allocate tensors" if the engine cannot run the model. The file
+  /// stays mapped: it may be replaced by another file, but must not be modified meanwhile.
   explicit TfLiteNetwork(NetworkConfig config);
   ~TfLiteNetwork() override;
 
-  /// Does nothing: this backend has no asynchronous way.
+  /// Does nothing: this backend does not support asynchronous inference.
   void ForwardAsync(const cv::Mat& image) override;
 
-  /// Returns an empty map, always and at once.
+  /// Returns an empty map immediately.
   OutputMap WaitOutput() override;
 
-  /// One run for each image, in order.
+  /// Runs the images one by one.
   std::vector<OutputMap> Forward(const std::vector<cv::Mat>& images) override;
 
-  /// Runs one image. Throws Exception "Failed to invoke interpreter" when the run fails, "Image
-  /// does not fit the input tensor" and "Output tensor is not readable" before memory is touched
-  /// that is not there.
+  /// Runs one image. Throws Exception "Failed to invoke interpreter" if the run fails, and "Image
+  /// does not fit the input tensor" or "Output tensor is not readable" instead of accessing invalid
+  /// memory.
   OutputMap Forward(const cv::Mat& image) override;
 
  private:
-  // The tflite::FlatBufferModel and the tflite::Interpreter over it. Opaque here for the reasons
-  // that DnnNetwork has.
+  // The tflite::FlatBufferModel and its tflite::Interpreter. They are hidden for the same reasons
+  // as the engine object of DnnNetwork.
   struct Engine;
   std::unique_ptr<Engine> engine_;
 };
