@@ -7,7 +7,7 @@
 namespace velmora::plugin::network {
 
 BaseNetwork* CreateNetwork(NetworkConfig config) {
-  // The machine is asked before the flag is looked at, whatever the flag says.
+  // The platform library is asked even if the flag is not set.
   if (platform::IsSupportedIENetwork() && config.enable_ie) {
     return new IeNetwork(config);
   }

@@ -1,6 +1,5 @@
 #include <velmora/plugin/network/dnn_network.h>
 
-#include <algorithm>
 #include <opencv2/dnn.hpp>
 #include <utility>
 
@@ -42,8 +41,8 @@ OutputMap DnnNetwork::Forward(const cv::Mat& image) {
   net_->setBlob(".data", blob);
   net_->forward();
 
-  // All outputs are asked for before the first is read: an engine that has to know beforehand what
-  // to keep of a run then runs once more for those that are new to it, not once for each of them.
+  // Request all outputs before reading the first: an engine that must know in advance what to keep
+  // then runs once more for all new outputs together, not once for each of them.
   std::vector<cv::dnn::Blob> outs;
   outs.reserve(config_.output_names.size());
   for (const std::string& name : config_.output_names) {

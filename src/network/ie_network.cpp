@@ -18,13 +18,12 @@ namespace velmora::plugin::network {
 
 namespace {
 
-// How long the GPU has to stay free before a network returns to it.
+// How long the GPU must be free before a network returns to it.
 constexpr std::chrono::seconds kReturnDelay(60);
 
-// The model cache.
 constexpr const char* kCacheFolder = "/var/packages/Velmora/target/models/openvino_cache";
 
-// What Wait() takes to wait for the result. Its name in the engine has moved within 2021.
+// Makes Wait() wait for the result. The engine's own constant moved during the 2021 releases.
 constexpr std::int64_t kResultReady = -1;
 
 bool IsHardwareTranscoding() {
@@ -41,7 +40,7 @@ class IeNetwork::InferRequest : public InferenceEngine::InferRequest {
 };
 
 IeNetwork::IeNetwork(NetworkConfig config) : BaseNetwork(config) {
-  // The package's own list of OpenCL drivers, before anything touches the GPU.
+  // The package's own list of OpenCL drivers, which must be set before anything touches the GPU.
   setenv("OCL_ICD_VENDORS", "/var/packages/Velmora/target/usr/lib/intel.icd", 1);
   gpu_enabled_ = platform::IsSupportedIENetworkGpu() && !config_.ie_gpu_xml_path.empty() &&
                  !config_.ie_gpu_bin_path.empty();
@@ -86,7 +85,7 @@ void IeNetwork::Initialize() {
 
   const auto shapes = network.getInputShapes();
   const InferenceEngine::SizeVector& shape = shapes.begin()->second;
-  if (std::find(shape.begin(), shape.end(), 0U) != shape.end()) {  // which no size is
+  if (std::find(shape.begin(), shape.end(), 0U) != shape.end()) {  // an open dimension
     throw Exception(
         "[IeNetwork] The input leaves sizes open: set both input_width and input_height");
   }
@@ -164,8 +163,8 @@ void IeNetwork::SetInputData(const std::vector<cv::Mat>& images) {
       throw Exception(
           "[IeNetwork] An image must be continuous 32-bit floats of at least the input's size");
     }
-    // One channel may be any floats in a row. Else a model of another layout would get noise
-    // unnoticed.
+    // A single channel may be any floats. Otherwise the channels must match, because a model with
+    // another layout would silently compute noise.
     const auto image_channels = static_cast<std::size_t>(image.channels());
     if (image_channels != 1 && image_channels != channels) {
       throw Exception("[IeNetwork] The image has other channels than the input");
@@ -178,14 +177,14 @@ void IeNetwork::SetInputData(const std::vector<cv::Mat>& images) {
     InterleavedToPlanes(images[n].ptr<float>(), destination + n * channels * pixels, channels,
                         pixels);
   }
-  // Slots without an image are zero, never stale.
+  // Clear the slots without an image, which may contain an earlier one.
   std::fill(destination + images.size() * channels * pixels,
             destination + batch * channels * pixels, 0.0F);
 }
 
 std::vector<float> IeNetwork::GetOutputData(const std::string& name) {
   const InferenceEngine::Blob::Ptr blob = infer_request_->GetBlob(name);
-  // The name may be that of an input that is not fed, which is left in the model's own type.
+  // The name may be that of an input that receives no image: it keeps the model's own type.
   if (blob->byteSize() < blob->size() * sizeof(float)) {
     throw Exception("[IeNetwork] An output must be 32-bit floats");
   }

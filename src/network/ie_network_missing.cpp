@@ -1,5 +1,5 @@
-// IeNetwork in a library that is built without the Inference Engine: exported all the same, so that
-// a host links with either.
+// IeNetwork for builds without the Inference Engine. It is exported anyway, so that a host links
+// with either build.
 #include <velmora/plugin/network/ie_network.h>
 
 namespace velmora::plugin::network {
@@ -12,7 +12,7 @@ IeNetwork::IeNetwork(NetworkConfig config) : BaseNetwork(config) {
 
 IeNetwork::~IeNetwork() = default;
 
-// No object gets as far as these.
+// Never called, because the constructor throws.
 void IeNetwork::ForwardAsync(const cv::Mat& /*image*/) {}
 OutputMap IeNetwork::WaitOutput() { return {}; }
 std::vector<OutputMap> IeNetwork::Forward(const std::vector<cv::Mat>& /*images*/) { return {}; }

@@ -4,7 +4,7 @@
 
 namespace velmora::plugin::network {
 
-// The line goes to syslog as an argument, never as the format: a message may hold a "%".
+// The line is passed as an argument and not as the format, because it may contain "%".
 
 void WriteInfo(const std::source_location& where, const std::string& message) {
   const std::string line = fmt::format("{}:{} {}", where.file_name(), where.line(), message);

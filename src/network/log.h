@@ -9,8 +9,8 @@
 
 namespace velmora::plugin::network {
 
-/// A {fmt} format string together with the place of the call that it is written in: the default
-/// argument is evaluated where the conversion happens, which is the call of LogInfo or LogDebug.
+/// A {fmt} format string and the location of the log call: the default argument is evaluated where
+/// the conversion happens, which is the call of LogInfo() or LogDebug().
 struct LogFormat {
   template <std::convertible_to<std::string_view> Text>
   LogFormat(const Text& text, std::source_location location = std::source_location::current())
@@ -23,9 +23,9 @@ struct LogFormat {
 void WriteInfo(const std::source_location& where, const std::string& message);
 void WriteDebug(const std::source_location& where, const std::string& message);
 
-/// Writes one line to syslog: source path, ":", line, a blank, the formatted message. Throws
-/// fmt::format_error when the format does not fit the arguments; braces are format syntax even in a
-/// message without arguments.
+/// Writes one line to syslog: the source path, ":", the line number, a blank and the formatted
+/// message. Throws fmt::format_error if the format does not match the arguments. Braces are format
+/// syntax even in a message without arguments.
 template <typename... Args>
 void LogInfo(LogFormat format, const Args&... args) {
   WriteInfo(format.where, fmt::vformat(format.format, fmt::make_format_args(args...)));

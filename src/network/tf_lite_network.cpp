@@ -14,19 +14,19 @@ namespace velmora::plugin::network {
 
 struct TfLiteNetwork::Engine {
   std::unique_ptr<tflite::FlatBufferModel> model;
-  std::unique_ptr<tflite::Interpreter> interpreter;  // reads the model's memory, and so goes first
+  std::unique_ptr<tflite::Interpreter> interpreter;  // uses the model, so destroyed first
 };
 
 TfLiteNetwork::TfLiteNetwork(NetworkConfig config)
     : BaseNetwork(config), engine_(std::make_unique<Engine>()) {
   tflite::ErrorReporter* const reporter = tflite::DefaultErrorReporter();
-  // The engine would wait at a FIFO for ever.
+  // The engine would block forever on a FIFO.
   std::error_code error;
   if (!std::filesystem::is_regular_file(config_.tflite_model_path, error)) {
     reporter->Report("Cannot read %s", config_.tflite_model_path.c_str());
     throw Exception("Failed to load model");
   }
-  // Verified, because the engine trusts what a file says of itself and would read where it points.
+  // Verified, because the engine trusts the offsets in a file and would read wherever they point.
   compat::GraphVerifier verifier;
   engine_->model = tflite::FlatBufferModel::VerifyAndBuildFromFile(
       config_.tflite_model_path.c_str(), &verifier, reporter);
@@ -57,7 +57,7 @@ OutputMap TfLiteNetwork::Forward(const cv::Mat& input) {
   const int input_index = interpreter.inputs()[0];
   const int output_index = interpreter.outputs()[0];
 
-  // One image, whatever dims[0] says.
+  // Always a single image, whatever dims[0] says.
   const TfLiteTensor* const input_tensor = interpreter.tensor(input_index);
   const auto* const dims = input_tensor->dims;
   auto* const destination = interpreter.typed_tensor<float>(input_index);

@@ -1,5 +1,5 @@
-// TfLiteNetwork in a library that is built without TensorFlow Lite: exported all the same, so that
-// a host links with either.
+// TfLiteNetwork for builds without TensorFlow Lite. It is exported anyway, so that a host links
+// with either build.
 #include <velmora/plugin/network/tf_lite_network.h>
 
 namespace velmora::plugin::network {
@@ -12,7 +12,7 @@ TfLiteNetwork::TfLiteNetwork(NetworkConfig config) : BaseNetwork(config) {
 
 TfLiteNetwork::~TfLiteNetwork() = default;
 
-// No object gets as far as these.
+// Never called, because the constructor throws.
 void TfLiteNetwork::ForwardAsync(const cv::Mat& /*image*/) {}
 OutputMap TfLiteNetwork::WaitOutput() { return {}; }
 std::vector<OutputMap> TfLiteNetwork::Forward(const std::vector<cv::Mat>& /*images*/) { return {}; }

@@ -1,4 +1,4 @@
-// How the video-service code opens and locks files.
+// How the code of the video service opens and locks files.
 #pragma once
 
 #include <fcntl.h>
@@ -12,16 +12,16 @@
 
 namespace LibReelhouse {
 
-/// open(2), with three additions. The descriptor is close-on-exec: the host starts transcoders
-/// while a lock is held, and one that inherited the descriptor would keep the lock. A signal does
-/// not make it fail. What is neither a regular file nor a folder is refused, with ENXIO: a FIFO is
-/// waited for, and some devices are read without an end. Returns -1 and errno for a failure.
+/// open(2) with a close-on-exec descriptor, because a transcoder that the host starts while it
+/// holds a lock would inherit the lock. Signals do not make it fail. Anything but a regular file or
+/// a directory is refused with ENXIO, because opening a FIFO may block and reading a device may
+/// never end. Returns -1 and sets errno on failure.
 inline int OpenFile(const char* path, int flags, mode_t mode) {
   int fd = -1;
   do {
     fd = open(path, flags | O_CLOEXEC | O_NONBLOCK, mode);
     if (fd < 0 && errno == EWOULDBLOCK) {
-      // Another process has a lease on the file, and gives it up only for those who wait.
+      // Another process holds a lease on the file, which it only gives up for an open that blocks.
       fd = open(path, flags | O_CLOEXEC, mode);
     }
   } while (fd < 0 && errno == EINTR);
@@ -34,7 +34,7 @@ inline int OpenFile(const char* path, int flags, mode_t mode) {
   return fd;
 }
 
-/// Closes a descriptor at the end of a block; -1 for none. What closing may report is passed over.
+/// Closes a descriptor (-1 for none) at the end of a scope and ignores errors.
 class FileDescriptor {
  public:
   explicit FileDescriptor(int descriptor) : fd(descriptor) {}
@@ -49,7 +49,7 @@ class FileDescriptor {
   const int fd;
 };
 
-/// Reads to the end of the file. False when a read fails; `text` then holds what was read before.
+/// Appends the rest of the file to `text`. Returns false if a read fails.
 inline bool ReadAll(int fd, std::string& text) {
   char buffer[4096];
   ssize_t size = 0;
@@ -59,7 +59,6 @@ inline bool ReadAll(int fd, std::string& text) {
   return size == 0;
 }
 
-/// Writes all of the text. False when a write fails.
 inline bool WriteAll(int fd, std::string_view text) {
   while (!text.empty()) {
     const ssize_t size = write(fd, text.data(), text.size());
@@ -71,7 +70,7 @@ inline bool WriteAll(int fd, std::string_view text) {
   return true;
 }
 
-/// flock(2), but a signal does not end the wait.
+/// flock(2), but signals do not end the wait.
 inline int LockDescriptor(int fd, int operation) {
   int result = -1;
   do {

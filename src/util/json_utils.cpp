@@ -34,15 +34,14 @@ JsonFileLock::~JsonFileLock() {
 namespace {
 
 // Json::Reader and Json::FastWriter are deprecated in favour of builders, which are no faster. They
-// stay, because the record's form on disk is what this writer makes.
+// stay, because this writer determines the record's form on disk.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 
-// JsonCpp calls itself for every level, up to 1000, which takes 350 KB of the stack; these take 50.
+// JsonCpp recurses into every level: its own limit of 1000 takes 350 KB of stack, this one 50 KB.
 constexpr int kMaxDepth = 100;
 
-/// Whether brackets open one within another beyond `kMaxDepth`. Those in texts and in comments do
-/// not count.
+/// Whether brackets outside of strings and comments are nested more than kMaxDepth levels deep.
 bool IsTooDeep(std::string_view text) {
   int depth = 0;
   for (std::size_t i = 0; i < text.size(); ++i) {
@@ -78,7 +77,7 @@ bool ReadJsonFile(const std::string& path, Json::Value& root) {
     parsed = ReadAll(file.fd, text) && !IsTooDeep(text) &&
              reader.parse(text.data(), text.data() + text.size(), root, true);
   } catch (const std::exception&) {
-    // Too big for the memory: it does not parse.
+    // Out of memory: the document does not parse.
   }
   if (!parsed) {
     syslog(LOG_ERR, "%s:%d Failed to parse json file [%s]", __FILE_NAME__, __LINE__, path.c_str());
@@ -87,8 +86,8 @@ bool ReadJsonFile(const std::string& path, Json::Value& root) {
   return true;
 }
 
-// A stream with its buffer would write a shorter text only as it is closed, when the result is
-// decided. Callers rely on that result, so a failure to write so short a text is not reported.
+// A buffered stream would write a shorter text only when it is closed, after the result is known.
+// Callers rely on that result, so a failure to write such a text is not reported.
 constexpr std::size_t kBufferedSize = 1024;
 
 bool WriteJsonFile(const std::string& path, const Json::Value& root) {
@@ -99,7 +98,7 @@ bool WriteJsonFile(const std::string& path, const Json::Value& root) {
     const std::string text = writer.write(root);
     written = file.fd >= 0 && (WriteAll(file.fd, text) || text.size() < kBufferedSize);
   } catch (const std::exception&) {
-    // No memory for the text.
+    // Out of memory.
   }
   if (!written) {
     syslog(LOG_ERR, "%s:%d failed to write json file [%s]", __FILE_NAME__, __LINE__, path.c_str());

@@ -16,8 +16,8 @@
 namespace librh::util {
 namespace {
 
-/// Splits as a reader of lines does: separators in a row give empty tokens, and one at the very end
-/// gives no empty token after it.
+/// Splits as std::getline does: two separators in a row enclose an empty token, but none follows a
+/// separator at the end.
 std::vector<std::string> Split(const std::string& text, char separator) {
   std::vector<std::string> tokens;
   std::istringstream stream(text);
@@ -28,7 +28,7 @@ std::vector<std::string> Split(const std::string& text, char separator) {
   return tokens;
 }
 
-/// False when the file cannot be opened.
+/// Returns false if the file cannot be opened.
 bool ReadLines(const char* path, std::vector<std::string>& lines) {
   const LibReelhouse::FileDescriptor file(LibReelhouse::OpenFile(path, O_RDONLY, 0));
   std::string text;
@@ -54,7 +54,7 @@ void PlatformUtils::GetPlatformAndModelName() try {
       0) {
     return;
   }
-  // Vendor, platform, model.
+  // The value is vendor_platform_model.
   std::vector<std::string> tokens = Split(buffer, '_');
   if (tokens.size() < 2) {
     return;
@@ -64,7 +64,7 @@ void PlatformUtils::GetPlatformAndModelName() try {
     model = std::move(tokens[2]);
   }
 } catch (const std::exception&) {
-  // No memory: an unknown machine, so that GetInst() never fails.
+  // Out of memory: the machine counts as unknown, so that GetInst() never fails.
 }
 
 std::string PlatformUtils::GetHostPlatformName() {
@@ -97,7 +97,6 @@ std::string PlatformUtils::GetTransPlatformName() {
   if (platform == "monaco" || alpine || platform == "kvmx64" || platform == "rtd1296") {
     cores = 2;
   }
-  // The first row that fits decides.
   std::string name;
   if (platform == "cedarview") {
     name = "cedarview";
@@ -148,7 +147,7 @@ bool PlatformUtils::IsSupportVaapi() { return IsBraswell() || IsApolloLake() || 
 bool PlatformUtils::IsRTD1296() { return platform == "rtd1296"; }
 
 bool PlatformUtils::IsSupportOMX() {
-  // Short enough for strings without memory of their own: building the list cannot fail.
+  // Short enough for std::string's internal buffer, so that building the list cannot throw.
   static const std::array<std::string, 5> kOmxModels = {"vb31", "vb52", "vb52s", "vb74", "qb9"};
   if (!IsRTD1296()) {
     return false;
@@ -176,7 +175,7 @@ bool PlatformUtils::IsAvotonProfile() {
 bool PlatformUtils::IsFFmpeg2() { return IsEvansport() || IsRTD1296() || IsMonaco(); }
 
 bool PlatformUtils::IsHWSettingEnabled() try {
-  // These transcode in hardware only, whatever the user's setting.
+  // These can only transcode in hardware, whatever the user's setting.
   if (IsMonaco() || IsSupportOMX()) {
     return true;
   }
@@ -191,7 +190,7 @@ bool PlatformUtils::IsHWSettingEnabled() try {
   }
   return true;
 } catch (const std::exception&) {
-  return true;  // as with settings that cannot be read
+  return true;  // as if the settings could not be read
 }
 
 bool PlatformUtils::IsVaapiFFmpegEnabled() { return IsSupportVaapi() && IsHWSettingEnabled(); }

@@ -14,7 +14,7 @@ namespace {
 
 using librh::util::PlatformUtils;
 
-// Lock file and data file in one.
+// Both the lock file and the data file.
 constexpr char kRecordPath[] = "/tmp/Reelhouse/enabled";
 
 std::uint32_t SoftwareLimit() {
@@ -37,8 +37,8 @@ std::uint32_t HardwareLimit() {
   return 0;
 }
 
-// The entries of a record are objects, but what they hold is whatever somebody wrote. So these give
-// null unless the member is there and has the type that it should have.
+// Entries are objects, but other programs may have written anything into them. These functions
+// return null unless the member exists and has the right type.
 
 const Json::Value* Flag(const Json::Value& entry, std::string_view name) {
   const Json::Value* const flag = entry.find(name.data(), name.data() + name.size());
@@ -80,14 +80,14 @@ TransLoading::~TransLoading() {
   try {
     written = WriteJsonToFileWithoutLock(kRecordPath, loading);
   } catch (const std::exception&) {
-    // No memory for the path.
+    // Out of memory.
   }
   if (!written) {
     syslog(LOG_ERR, "%s:%d VTE - Failed to write json file [%s].", __FILE_NAME__, __LINE__,
            kRecordPath);
   }
   if (chmod(kRecordPath, 0666) != 0) {
-    // A record that others cannot open is not this process's error.
+    // Not an error: the record may belong to another user.
     syslog(LOG_INFO, "%s:%d TransLoading - Failed to change file mode [%s]", __FILE_NAME__,
            __LINE__, kRecordPath);
   }
@@ -103,7 +103,7 @@ bool TransLoading::ReadAndCheckAlive() try {
     if (status.st_size != 0) {
       return false;
     }
-    // The lock has just created the record.
+    // The lock has just created the file.
     record = Json::Value(Json::arrayValue);
   }
   if (!record.isArray()) {
@@ -149,7 +149,7 @@ bool TransLoading::IsOffineConverting() const {
 
 bool TransLoading::CheckTransEnable(bool hardware) const {
   const std::uint32_t limit = hardware ? hardware_limit : software_limit;
-  std::uint32_t count = 1;  // the one that is asked for
+  std::uint32_t count = 1;  // the requested one
   for (const Json::Value& entry : loading) {
     const Json::Value* const flag = Flag(entry, "hardware_transcode");
     if (flag != nullptr && flag->asBool() == hardware) {
@@ -182,7 +182,7 @@ bool TransLoading::TransEnable(bool hardware) {
     }
     return HardwareTransEnable();
   }
-  // An idle machine always takes one software transcode, even where the limit is 0.
+  // An idle machine always accepts one software transcode, even if the limit is 0.
   if (loading.empty()) {
     return true;
   }
@@ -239,7 +239,7 @@ void GetMachineTranscodeAndRemux(bool& canTranscode, bool& canRemux, bool& canHa
   }
   KLIBCExec("/usr/lib/firmware/rtd1296/factory.bin", "load", nullptr, nullptr, nullptr);
   if (KLIBCFileExist("/run/tmp/factory/FACTORY") != 0) {
-    return;  // in factory mode, which must not transcode
+    return;  // factory mode, which must not transcode
   }
   canTranscode = true;
   canHardwareTranscode = true;
