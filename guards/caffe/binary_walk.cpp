@@ -27,8 +27,8 @@ bool BinaryWalk::Message(const pb::Descriptor* type, std::string& out, Level lev
     if (!in_.ReadVarint32(&tag)) {
       return false;
     }
-    // A zero, or the end of a group that did not begin, ends the whole message; what follows is
-    // ignored. Within a message, protobuf takes either for an error.
+    // In the outermost message, a zero tag or an unmatched end of a group ends the message, and
+    // what follows is ignored. In nested messages, protobuf treats both as errors.
     if (tag == 0 || WireFormat::GetTagWireType(tag) == WireFormat::WIRETYPE_END_GROUP) {
       return level == Level::kNet;
     }

@@ -1,4 +1,3 @@
-// The bytes of a binary model.
 #pragma once
 
 #include <google/protobuf/io/coded_stream.h>
@@ -13,13 +12,13 @@
 
 namespace velmora::plugin::network::guards {
 
-// Walks a binary model and makes a copy of it without the values in its blobs and without the
-// fields that the format lacks: it skips these instead of loading them.
+// Copies a binary model without the values in its blobs and without fields that the format lacks,
+// which it skips instead of loading them.
 class BinaryWalk {
  public:
   BinaryWalk(const File& file, const pb::Descriptor* net);
 
-  // False for bytes that protobuf refuses too, or that are too much.
+  // False if protobuf would reject the bytes as well, or if they exceed the limits in format.h.
   bool is_message() const { return is_message_; }
   bool is_too_much() const { return is_too_much_; }
 

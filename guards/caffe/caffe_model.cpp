@@ -30,7 +30,7 @@ void Write(const File& file, std::string_view text) {
 const char* const kNotRegular = "not a regular file";
 const char* const kTooMuch = "more than 16 MiB, or 100,000 layers and blobs, besides the weights";
 
-// Why OpenCV may not have a model of one file; otherwise writes the description in it to `text`.
+// Returns why a single-file model is refused, or "" and its description in `text`.
 std::string RefusalOf(const File& model, std::string& text) {
   if (!model.is_open()) {
     return std::generic_category().message(model.error());
@@ -57,7 +57,7 @@ std::string RefusalOf(const File& model, std::string& text) {
   if (CountOldest(*net) > 0) {
     return "layers of the oldest form, which have to be upgraded";
   }
-  // As text, what the format lacks would be its numbers, which OpenCV does not read.
+  // As text, unknown fields would appear as numbers, which OpenCV does not read.
   net->DiscardUnknownFields();
   std::string reason = BadModel(*net, *net, model.size());
   if (reason.empty() && !pb::TextFormat::PrintToString(*net, &text)) {
@@ -70,7 +70,7 @@ std::string RefusalOf(const File& model, std::string& text) {
 
 std::string RefusalOfCaffePair(const std::string& prototxt_path,
                                const std::string& caffemodel_path) {
-  // What cannot be opened or parsed is left to OpenCV, whose exception names the file.
+  // Files that cannot be opened or parsed are left to OpenCV, whose exception names the file.
   Format format;
   const auto description = format.NewNet();
   const auto weights = format.NewNet();
@@ -149,8 +149,8 @@ std::vector<std::int64_t> InputOfCaffeBinary(const std::string& path) {
   if (!RefusalOf(model, text).empty()) {
     return {};
   }
-  // OpenCV takes a description as text only. The weights it finds in the model itself, by the names
-  // of the layers.
+  // OpenCV accepts descriptions only as text. It finds the weights in the model itself, by the
+  // names of the layers.
   const File description(memfd_create("caffe-description", MFD_CLOEXEC));
   Write(description, text);
   return ::cv::dnn::readNetFromCaffe(description.path(), model.path());

@@ -1,6 +1,5 @@
-// Reads Caffe model files for OpenCV (2.4.13 to 4.x, whose importer takes a text description and a
-// binary weights file): makes the pair out of a single-file binary model, and keeps files away from
-// the importer that would crash it.
+// Reads Caffe model files for OpenCV (3.2 to 4.x) and refuses those that would crash it. OpenCV's
+// importer takes a pair of a text description and binary weights.
 #pragma once
 
 #include <cstdint>
@@ -10,34 +9,34 @@
 
 namespace velmora::plugin::network::guards {
 
-/// Why the description (text) and its weights (binary; an empty path for none) are kept from
-/// OpenCV, in words for the author of the model, with the file and if possible the layer: they
-/// would crash its importer or the network made of them (docs/hostile-models.md lists what does),
-/// or they are those of a training run. Empty for files that OpenCV may have, which include those
-/// that it cannot open or parse.
+/// Returns why the description (text) and its weights (binary; "" for none) are refused, or "" if
+/// they are not. The reason is meant for the author of the model and names the file and, if
+/// possible, the layer. Files are refused if they would crash OpenCV's importer or the resulting
+/// network (docs/hostile-models.md has the list), or if they belong to a training run. Files that
+/// OpenCV itself cannot open or parse are not refused.
 std::string RefusalOfCaffePair(const std::string& prototxt_path,
                                const std::string& caffemodel_path);
 
-/// The same for one binary file that holds both. It is refused too if it cannot be read or holds no
-/// such model.
+/// Does the same for one binary file that contains both. A file that cannot be read or is not such
+/// a model is refused, too.
 std::string RefusalOfCaffeBinary(const std::string& path);
 
-/// The size of the network's input "data" as a model's description states it, N x C x H x W as a
-/// rule; empty where it states none. For a model that was not refused: no more than its description
-/// is read.
+/// Returns the size of the network's input "data" (usually N x C x H x W) that a model's
+/// description states, or an empty vector if it states none. Only for models that were not refused,
+/// because nothing is checked here.
 std::vector<std::int64_t> InputOfCaffePair(const std::string& prototxt_path);
 std::vector<std::int64_t> InputOfCaffeBinary(const std::string& path);
 
-/// Loads a pair; an empty net for one that is refused. Throws OpenCV's own cv::Exception for files
-/// that OpenCV refuses.
+/// Loads a pair, or returns an empty net if it is refused. Throws OpenCV's own cv::Exception for
+/// files that OpenCV rejects.
 ::cv::dnn::Net ReadCaffePair(const std::string& prototxt_path, const std::string& caffemodel_path);
 
-/// Loads one binary file that holds description and weights; the net computes what the pair of the
-/// same model would. OpenCV reads the weights from the file itself: this makes no copy of them.
-/// Fields and values that caffe_format.proto lacks are passed over.
+/// Loads one binary file with description and weights. The net computes the same as that of the
+/// corresponding pair. OpenCV reads the weights from the file itself, so they are not copied.
+/// Fields and values that caffe_format.proto lacks are ignored.
 ///
-/// Returns an empty net for a file that is refused. Throws OpenCV's own cv::Exception for a model
-/// that OpenCV refuses, and std::system_error if the system has no memory file to spare.
+/// Returns an empty net if the file is refused. Throws OpenCV's own cv::Exception if OpenCV rejects
+/// the model, and std::system_error if the system cannot provide a memory file.
 ::cv::dnn::Net ReadCaffeBinary(const std::string& path);
 
 }  // namespace velmora::plugin::network::guards

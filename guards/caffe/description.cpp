@@ -19,7 +19,7 @@ class Silence : public pb::io::ErrorCollector {
   void RecordError(int /*line*/, pb::io::ColumnNumber /*column*/, std::string_view /*message*/) {}
 };
 
-// A layer of the oldest form stands in one of the old form, with its name and type.
+// A layer of the oldest form is nested in one of the old form and has the name and type.
 const pb::Message& InnermostOf(const pb::Message& layer) {
   const pb::FieldDescriptor* inner = FieldOf(layer, "layer");
   return inner != nullptr && Count(layer, inner) > 0
@@ -27,7 +27,7 @@ const pb::Message& InnermostOf(const pb::Message& layer) {
              : layer;
 }
 
-// Where `text` stands in a list of texts; -1 where it does not.
+// Returns -1 if `text` is not in the list.
 int IndexOf(const std::string& text, const pb::Message& message, const std::string& list) {
   for (int i = 0; i < Count(message, list); ++i) {
     if (message.GetReflection()->GetRepeatedString(message, FieldOf(message, list), i) == text) {

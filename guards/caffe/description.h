@@ -1,4 +1,3 @@
-// A model's description: its layers, and the size of its input.
 #pragma once
 
 #include <cstddef>
@@ -14,21 +13,20 @@ namespace velmora::plugin::network::guards {
 std::string NameOf(const pb::Message& layer);
 std::string TypeOf(const pb::Message& layer);
 
-// If there are layers of both forms, OpenCV takes the old ones and drops the others.
+// If a network has layers of both forms, OpenCV uses the old ones and ignores the others.
 std::vector<const pb::Message*> LayersOf(const pb::Message& net);
 
-// How many layers are of the oldest form.
+// Counts the layers of the oldest form, which are nested in another layer.
 std::ptrdiff_t CountOldest(const pb::Message& net);
 
-// As with a binary model: `layer{}` takes eight bytes there and a kilobyte here, and again in
-// OpenCV. A message begins with a bracket, of one kind or the other.
+// The limits of format.h, for text: `layer{}` has eight bytes there but takes a kilobyte in memory,
+// and another one in OpenCV. Every message begins with "{" or "<".
 bool IsTooMuchText(const File& file);
 
-// Silently, and past fields that caffe_format.proto lacks: what to make of those is OpenCV's
-// affair.
+// Logs no errors and ignores fields that caffe_format.proto lacks, which are left to OpenCV.
 bool ParseText(const File& file, pb::Message& net);
 
-// The size of the input "data"; empty where the description states none.
+// Returns the size of the input "data", or an empty vector if the description does not state it.
 std::vector<std::int64_t> InputOf(const pb::Message& net);
 
 }  // namespace velmora::plugin::network::guards

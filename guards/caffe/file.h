@@ -1,4 +1,3 @@
-// A model file, open.
 #pragma once
 
 #include <fcntl.h>
@@ -32,9 +31,9 @@ class File {
 
   int fd() const { return fd_; }
   bool is_open() const { return fd_ >= 0; }
-  int error() const { return error_; }  // why it is not open
+  int error() const { return error_; }  // errno, if it is not open
 
-  // Reading anything else would take its content from OpenCV.
+  // Reading anything else would consume content that OpenCV needs.
   bool is_regular() const {
     struct stat status = {};
     return fstat(fd_, &status) == 0 && S_ISREG(status.st_mode);
@@ -46,7 +45,7 @@ class File {
     return static_cast<int>(std::min<off_t>(status.st_size, INT_MAX));
   }
 
-  // The same file for a reader that wants a path, whatever stands at its own path by now.
+  // A path to this very file, even if its own path now leads to another.
   std::string path() const { return "/proc/self/fd/" + std::to_string(fd_); }
 
  private:

@@ -1,4 +1,3 @@
-// The format of Caffe models, and how its messages are read.
 #pragma once
 
 #include <google/protobuf/descriptor.h>
@@ -15,14 +14,14 @@ namespace velmora::plugin::network::guards {
 
 namespace pb = ::google::protobuf;
 
-// For a model without its values; one of a thousand layers takes 100 KB. The limits keep a hostile
-// file from being blown up in memory: an empty layer has three bytes there and a kilobyte here.
+// Limits for a model without its values (a thousand layers take 100 KB). They keep a hostile file
+// from exhausting the memory: an empty layer of three bytes takes a kilobyte as a message.
 constexpr std::size_t kMaxSkeleton = std::size_t{16} << 20;
 constexpr int kMaxMessages = 100'000;  // layers and blobs; in a text, messages of any kind
 
-// The format as messages made at run time. Generated classes would enter themselves in a table that
-// libprotobuf keeps for the whole process, and loading this library, unloading it and loading it
-// again would end the process there.
+// Creates the format's messages at run time. Generated classes would register themselves in a
+// process-wide table of libprotobuf, which would abort the process if this library were unloaded
+// and loaded again.
 class Format {
  public:
   Format();
@@ -41,20 +40,18 @@ class Format {
 
 const pb::FieldDescriptor* FieldOf(const pb::Message& message, const std::string& name);
 
-// How many values a field has; 0 or 1 for one that is not repeated.
+// Returns the number of values in a field, which is 0 or 1 if it is not repeated.
 int Count(const pb::Message& message, const pb::FieldDescriptor* field);
 int Count(const pb::Message& message, const std::string& field);
 
 std::vector<const pb::FieldDescriptor*> FieldsIn(const pb::Message& message);
 
-// The messages in a field, none if it holds something else.
+// Return the messages or integers in a field, or nothing if it has another type.
 std::vector<const pb::Message*> MessagesIn(const pb::Message& message,
                                            const pb::FieldDescriptor* field);
-
-// The whole numbers in a field, none if it holds something else.
 std::vector<std::int64_t> NumbersIn(const pb::Message& message, const pb::FieldDescriptor* field);
 
-// What a field of text or an enumeration says; empty without one.
+// Returns the text of a string or the name of an enumerator, or "" if the field is not set.
 std::string TextIn(const pb::Message& message, const std::string& name);
 
 }  // namespace velmora::plugin::network::guards

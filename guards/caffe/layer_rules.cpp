@@ -12,14 +12,14 @@
 namespace velmora::plugin::network::guards {
 namespace {
 
-// Each rule returns a reason, or nothing for what OpenCV may have. They hold for every layer of a
-// description, whatever phase its "include" names: OpenCV leaves no layer out.
+// Each rule returns why a layer is refused, or "". The rules apply to all layers of a description,
+// whatever phase they "include", because OpenCV loads them all.
 
 std::string Plural(std::int64_t count, const std::string& thing) {
   return std::to_string(count) + " " + thing + (count == 1 ? "" : "s");
 }
 
-// OpenCV's choice: the old shape if any part of it is there, else the new one, else a scalar.
+// As in OpenCV: the old shape if any part of it is set, otherwise the new one, otherwise a scalar.
 std::vector<std::int64_t> DimsOf(const pb::Message& blob) {
   constexpr const char* kOldShape[] = {"num", "channels", "height", "width"};
   std::vector<std::int64_t> dims;
@@ -34,8 +34,8 @@ std::vector<std::int64_t> DimsOf(const pb::Message& blob) {
                         : NumbersIn(*shapes[0], FieldOf(*shapes[0], "dim"));
 }
 
-// How many values a blob claims to carry, as far as an int counts. OpenCV takes dimensions for
-// ints.
+// How many values a blob claims to have, or INT_MAX + 1 for more than INT_MAX. OpenCV converts
+// dimensions to int.
 std::int64_t ValuesOf(const pb::Message& blob) {
   const auto dims = DimsOf(blob);
   std::int64_t count = dims.empty() ? 0 : 1;
@@ -43,14 +43,14 @@ std::int64_t ValuesOf(const pb::Message& blob) {
     count = std::min(count * static_cast<std::int64_t>(static_cast<std::int32_t>(dim)),
                      std::int64_t{INT_MAX} + 1);
     if (count < 0) {
-      return 1;  // OpenCV refuses it
+      return 1;  // OpenCV rejects it
     }
   }
   return count;
 }
 
-// As the rules below spell a type: the types of the forms differ in case and in "_", and older
-// versions of OpenCV compare in small letters. A quantised layer is like the one that it is of.
+// Spells a type as in the rules below. The forms differ in case and in "_", and older versions of
+// OpenCV compare in lower case. A quantised layer counts as the one that it is derived from.
 std::string KeyOf(const std::string& type) {
   std::string key;
   for (const char c : type) {
@@ -64,7 +64,7 @@ std::string KeyOf(const std::string& type) {
   return key == "conv" ? "convolution" : key == "pool" ? "pooling" : key;
 }
 
-// What OpenCV takes for granted about the layers of a type.
+// What OpenCV assumes about the layers of a type without checking it.
 struct LayerNeeds {
   std::string_view type;
   int min_bottoms = 0;
@@ -72,7 +72,7 @@ struct LayerNeeds {
   int max_tops_beyond_bottoms = INT_MAX;
   int min_blobs = 0;
   int min_values = 0;            // in each blob
-  std::string_view number = {};  // that it has to have
+  std::string_view number = {};  // a parameter that must be set
 };
 constexpr LayerNeeds kLayerNeeds[] = {
     {.type = "accum", .min_bottoms = 1},
@@ -91,7 +91,7 @@ constexpr LayerNeeds kLayerNeeds[] = {
     {.type = "silence", .max_tops_beyond_bottoms = 0},
 };
 
-// True for the types of OpenCV's own layers and of those that the host has added to them.
+// Whether OpenCV itself or the host has registered this type of layer.
 template <typename Factory = ::cv::dnn::LayerFactory>
 bool IsRegistered(const std::string& type) {
   if constexpr (requires { Factory::isLayerRegistered(type); }) {
@@ -106,7 +106,7 @@ bool IsRegistered(const std::string& type) {
   }
 }
 
-// The name of an old type in the new form: "MemoryData" for "MEMORY_DATA".
+// The new form of an old type: "MemoryData" for "MEMORY_DATA".
 std::string NewNameOf(const std::string& old_type) {
   std::string name;
   bool is_first = true;
@@ -162,7 +162,7 @@ std::string BadLayer(const pb::Message& layer, const std::vector<const pb::Messa
   return BadNumber(layer, type);
 }
 
-// Of a name or a type: what fits into a line of a log.
+// Makes a name or a type fit for a log line.
 std::string Quotable(const std::string& text) {
   constexpr std::size_t kLongest = 60;
   std::string line = text.substr(0, kLongest) + (text.size() > kLongest ? "..." : "");
@@ -180,8 +180,8 @@ std::string BadModel(const pb::Message& description, const pb::Message& weights,
       return "mixes two forms of layers";
     }
   }
-  // As OpenCV goes about it: a layer takes the blobs of the first of its name that still has any.
-  // Those of other layers are not looked at.
+  // As in OpenCV, a layer takes the blobs of the first layer of its name that still has any. The
+  // blobs of other layers are not checked.
   std::multimap<std::string, const pb::Message*> layers_with_blobs;
   for (const pb::Message* layer : LayersOf(weights)) {
     if (Count(*layer, "blobs") > 0) {

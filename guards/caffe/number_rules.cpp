@@ -8,17 +8,17 @@
 namespace velmora::plugin::network::guards {
 namespace {
 
-// Numbers outside these limits make OpenCV divide by zero, overflow or leave its arrays. It pours
-// all parameter messages of a layer into one list, so that a number counts by its name, wherever it
-// stands.
+// Numbers outside these limits make OpenCV divide by zero, overflow or access memory outside its
+// arrays. OpenCV merges all parameter messages of a layer into one list, so only the name of a
+// number matters, not where it is set.
 struct NumberLimit {
-  std::string_view layer_type;  // as from KeyOf; empty for every type
+  std::string_view layer_type;  // as returned by KeyOf; empty for every type
   std::string_view name;
   std::int64_t min;
   std::int64_t max;
 };
 constexpr std::int64_t kLastAxis = 31;
-constexpr std::int64_t kBelowCount = INT64_MAX;  // less than there are numbers of the name
+constexpr std::int64_t kBelowCount = INT64_MAX;  // less than the count of such numbers
 constexpr std::int64_t kMaxPad = INT_MAX / 4;    // two of them and a window fit in an int
 constexpr NumberLimit kNumberLimits[] = {
     {"", "axis", -kLastAxis, kLastAxis},
@@ -36,7 +36,7 @@ constexpr NumberLimit kNumberLimits[] = {
     {"scale", "axis", 0, kLastAxis},
 };
 
-// Adds the numbers of a layer that are called `name`.
+// Appends the numbers called `name` in a message and those nested in it.
 void AddNumbers(const pb::Message& message, std::string_view name,
                 std::vector<std::int64_t>& numbers) {
   for (const pb::FieldDescriptor* field : FieldsIn(message)) {
@@ -78,7 +78,7 @@ std::string BadNumber(const pb::Message& layer, const std::string& type) {
              std::to_string(max);
     }
   }
-  // OpenCV counts in an int the values of a pooling window and those that a dilated one spans.
+  // OpenCV stores the area of a pooling window and the extent of a dilated one in an int.
   if (type == "pooling") {
     for (const char* const name : {"kernel_size", "kernelsize"}) {  // new forms and the oldest
       for (const std::int64_t side : NumbersOf(layer, name)) {

@@ -1,4 +1,3 @@
-// What crashes OpenCV's importer, or the network that it makes.
 #pragma once
 
 #include <string>
@@ -7,14 +6,14 @@
 
 namespace velmora::plugin::network::guards {
 
-// Why OpenCV may not have a model; empty when it may. `size` is that of the file of the weights, in
-// which a value takes two bytes or more.
+// Returns why a model is refused, or "". `size` is that of the weights file, in which every value
+// takes at least two bytes.
 std::string BadModel(const pb::Message& description, const pb::Message& weights, int size);
 
-// The same for the numbers of one layer. `type` is its type in small letters without "_".
+// Does the same for the numbers of one layer. `type` is its type in lower case without "_".
 std::string BadNumber(const pb::Message& layer, const std::string& type);
 
-// The numbers of a layer that are called `name`, in whatever message they stand.
+// Returns all numbers called `name` in a layer, in whatever message they are.
 std::vector<std::int64_t> NumbersOf(const pb::Message& layer, std::string_view name);
 
 }  // namespace velmora::plugin::network::guards

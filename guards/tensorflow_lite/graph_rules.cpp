@@ -11,19 +11,19 @@ namespace velmora::plugin::network::guards {
 
 namespace {
 
-/// Which tensors of a graph have a value, and which may be given one.
+/// Which tensors of a graph have a value, and which must not be written any more.
 class Values {
  public:
   Values(const format::Model& model, const format::SubGraph& graph)
       : tensors_(OrEmpty(graph.tensors())), has_(tensors_.size()), is_made_(tensors_.size()) {
     const auto& buffers = OrEmpty(model.buffers());
     for (flatbuffers::uoffset_t i = 0; i < tensors_.size(); ++i) {
-      if (tensors_[i]->buffer() < buffers.size()) {  // else refused by the engine
+      if (tensors_[i]->buffer() < buffers.size()) {  // otherwise, the engine refuses it
         const format::Buffer& buffer = *buffers[tensors_[i]->buffer()];
-        // Large values stand behind the tables, where an offset leads.
+        // Large values are stored behind the tables, at an offset.
         is_made_[i] = OrEmpty(buffer.data()).size() != 0 || buffer.offset() > 1;
       }
-      // A tensor of no elements needs no value.
+      // A tensor without elements needs no value.
       const Indices& shape = OrEmpty(tensors_[i]->shape());
       has_[i] = is_made_[i] || tensors_[i]->is_variable() ||
                 std::count(shape.begin(), shape.end(), 0) != 0;
@@ -59,7 +59,7 @@ class Values {
 Reason LookAtStep(const Step& step, Values& values) {
   const Indices& inputs = step.inputs();
   for (flatbuffers::uoffset_t i = 0; i < inputs.size(); ++i) {
-    // RESHAPE takes a tensor of any but one dimension for none, and another way to the shape.
+    // RESHAPE ignores a shape tensor that is not one-dimensional and uses its options.
     const bool is_unread = step.code() == BuiltinOperator::RESHAPE && i == 1 &&
                            values.HasOtherThanOneDimension(inputs[i]);
     if (!is_unread && !values.Has(inputs[i])) {
@@ -100,7 +100,7 @@ Reason LookAtGraph(const format::Model& model, const format::SubGraph& graph, bo
   return {};
 }
 
-/// The graphs that an operator runs, by their place in the model.
+/// Returns the indices of the graphs that an operator runs.
 std::vector<std::int32_t> Calls(const format::Operator& step) {
   if (const auto* const branches = step.builtin_options_as_IfOptions()) {
     return {branches->then_subgraph_index(), branches->else_subgraph_index()};
@@ -121,16 +121,16 @@ std::vector<std::int32_t> Calls(const format::Operator& step) {
   return {};
 }
 
-constexpr int kDeepest = 100;  // graphs, one in another: the engine goes on to the end of the stack
+constexpr int kDeepest = 100;  // nested graphs; the engine has no limit and overflows the stack
 
-/// How many graphs deep a graph of the model goes; more than kDeepest in a circle. `level` is how
-/// deep it is itself, and `depths` what is known already, or 0.
+/// Returns how deep the calls of a graph are nested, or more than kDeepest if they form a circle.
+/// `level` is the depth of the graph itself; `depths` has what is already known, or 0.
 int DepthOf(const format::Model& model, std::uint32_t graph, int level, std::vector<int>& depths) {
   if (graph >= depths.size()) {
-    return 0;  // refused by the engine
+    return 0;  // the engine refuses it
   }
   if (depths[graph] == 0) {
-    depths[graph] = kDeepest + 1;  // for what leads here again
+    depths[graph] = kDeepest + 1;  // in case a call leads back here
     int deepest = level < kDeepest ? 0 : kDeepest;
     for (const auto* const step : OrEmpty((*model.subgraphs())[graph]->operators())) {
       for (const std::int32_t callee : Calls(*step)) {

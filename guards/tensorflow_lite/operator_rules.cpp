@@ -1,4 +1,3 @@
-// What the tensors and options of an operator must be.
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -18,7 +17,7 @@ struct Counts {
   flatbuffers::uoffset_t outputs = 0;
 };
 
-/// Of the operators whose tensors are taken before they are counted, by the engine or by XNNPACK.
+/// The minimum for operators whose tensors the engine or XNNPACK accesses before counting them.
 Counts LeastOf(BuiltinOperator code) {
   switch (code) {
     case BuiltinOperator::ASSIGN_VARIABLE:
@@ -40,8 +39,8 @@ Counts LeastOf(BuiltinOperator code) {
   }
 }
 
-/// Whether an operator may go without this input. Which of a recurrent layer's go together is for
-/// the engine to say.
+/// Whether an operator may lack this input. Which inputs of a recurrent layer belong together is
+/// left to the engine.
 bool IsOptional(BuiltinOperator code, flatbuffers::uoffset_t input) {
   switch (code) {
     case BuiltinOperator::CONV_2D:
@@ -58,7 +57,7 @@ bool IsOptional(BuiltinOperator code, flatbuffers::uoffset_t input) {
     case BuiltinOperator::BIDIRECTIONAL_SEQUENCE_LSTM:
     case BuiltinOperator::BIDIRECTIONAL_SEQUENCE_RNN:
       return input != 0;
-    default:  // others are the host's, or newer than this table
+    default:  // an operator of the host, or newer than this table
       return code == BuiltinOperator::CUSTOM || code > BuiltinOperator::MAX;
   }
 }
@@ -81,9 +80,9 @@ Reason LookAtTensors(const Step& step) {
              : "";
 }
 
-/// Operators that divide by the scales of integers that stand for other numbers.
+/// Checks operators that divide by the scales of quantised tensors.
 Reason LookAtScales(const Step& step) {
-  bool has_plain = false;  // whether 16 bits may stand for themselves
+  bool has_plain = false;  // whether 16-bit tensors may have no scale
   switch (step.code()) {
     case BuiltinOperator::ADD:
     case BuiltinOperator::EQUAL:
@@ -101,7 +100,7 @@ Reason LookAtScales(const Step& step) {
     case BuiltinOperator::QUANTIZE:
       break;
     default:
-      return {};  // where a weight that is always 0 may have a scale of 0
+      return {};  // elsewhere, a weight that is always 0 may have a scale of 0
   }
   for (flatbuffers::uoffset_t i = 0; i < step.inputs().size() + step.outputs().size(); ++i) {
     const bool is_input = i < step.inputs().size();
@@ -121,7 +120,7 @@ Reason LookAtScales(const Step& step) {
   return {};
 }
 
-/// A convolution's padding, and its strides and dilations, for which the engine has 16 bits.
+/// The engine stores strides and dilations in 16 bits.
 Reason LookAtConvolution(const Step& step, format::Padding padding,
                          std::initializer_list<std::int32_t> steps) {
   if (padding != format::Padding::SAME && padding != format::Padding::VALID) {
@@ -141,7 +140,7 @@ Reason LookAtConvolution(const Step& step, format::Padding padding,
              : "";
 }
 
-/// Options of another kind than the operator's are none to the engine.
+/// The engine ignores options of another type than the operator's.
 Reason LookAtOptions(const Step& step) {
   const format::Operator& table = step.table();
   const BuiltinOperator code = step.code();
@@ -179,7 +178,7 @@ Reason LookAtOptions(const Step& step) {
   }
   if (const auto* const lrn = table.builtin_options_as_LocalResponseNormalizationOptions();
       code == BuiltinOperator::LOCAL_RESPONSE_NORMALIZATION && lrn != nullptr) {
-    constexpr int kMost = 1 << 24;  // the engine adds as many channels on either side
+    constexpr int kMost = 1 << 24;  // the engine adds this many channels on either side
     return lrn->radius() < 0 || lrn->radius() > kMost
                ? fmt::format("its radius must be 0 to {}", kMost)
                : "";
@@ -192,7 +191,7 @@ Reason LookAtOptions(const Step& step) {
   return {};
 }
 
-/// Constant places in an output of constant sizes.
+/// Checks constant indices into an output of constant size.
 Reason LookAtPlaces(const Step& step) {
   const bool is_scatter = step.code() == BuiltinOperator::SCATTER_ND;
   if (!is_scatter && step.code() != BuiltinOperator::SPARSE_TO_DENSE) {

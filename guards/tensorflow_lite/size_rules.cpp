@@ -1,4 +1,3 @@
-// What the sizes must be that an operator takes as the values of a constant.
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 #include <sys/mman.h>
@@ -14,8 +13,7 @@ namespace {
 
 using format::TensorType;
 
-/// Whether the system has this much memory to give. The engine does not look whether it got what it
-/// asked for.
+/// Whether the system grants this much memory, which the engine does not check.
 bool IsGranted(std::size_t bytes) {
   void* const memory =
       mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
@@ -44,7 +42,7 @@ std::size_t BytesOf(TensorType type) {
   }
 }
 
-/// The engine writes the first of what it repeats, although the axis before has no place for it.
+/// The engine writes the first repeated value even if an axis of size 0 leaves no room for it.
 bool RepeatsNothing(const Step& step, const std::vector<std::int64_t>& sizes) {
   std::vector<std::int64_t> shape = Step::ShapeOf(step.Input(0));
   shape.insert(shape.begin(), sizes.size() - std::min(shape.size(), sizes.size()), 1);
@@ -62,7 +60,7 @@ bool IsReflection(const Step& step) {
   return options == nullptr || options->mode() == format::MirrorPadMode::REFLECT;
 }
 
-/// The shape that such sizes make of the first input's. What only a run knows counts as 1.
+/// Checks the shape that the sizes make of the first input's. Unknown sizes count as 1.
 Reason LookAtShape(const Step& step, const std::vector<std::int64_t>& sizes) {
   std::vector<std::int64_t> shape = Step::ShapeOf(step.Input(0));
   switch (step.code()) {
@@ -98,7 +96,7 @@ Reason LookAtShape(const Step& step, const std::vector<std::int64_t>& sizes) {
   }
   std::int64_t elements = std::count(shape.begin(), shape.end(), 0) == 0 ? 1 : 0;
   for (const std::int64_t size : shape) {
-    if (size >= 0 && size <= INT32_MAX) {  // one below 0 is open, or the engine refuses it
+    if (size >= 0 && size <= INT32_MAX) {  // a negative size is open, or the engine refuses it
       elements *= size;
     }
     if (size > INT32_MAX || elements > INT32_MAX) {
@@ -112,17 +110,17 @@ Reason LookAtShape(const Step& step, const std::vector<std::int64_t>& sizes) {
   return IsGranted(bytes) ? "" : fmt::format("there is no memory for an output of {} bytes", bytes);
 }
 
-/// Whether a transposed convolution has a value for every place of its output: the output goes as
-/// many steps as the input has values, and has as many channels as there are weights.
+/// Whether a transposed convolution computes all of its output: the size of the input limits that
+/// of the output, and the number of weights is the number of channels.
 bool IsFilled(const Step& step, const std::vector<std::int64_t>& output) {
   const auto* const options = step.table().builtin_options_as_TransposeConvOptions();
   const std::vector<std::int64_t> weights = Step::ShapeOf(step.Input(1));
   const std::vector<std::int64_t> input = Step::ShapeOf(step.Input(2));
   if (options == nullptr || output.size() != 4 || weights.size() != 4) {
-    return true;  // refused by the engine
+    return true;  // the engine refuses it
   }
   if (input.size() != 4) {
-    return input.empty();  // the engine refuses others, if they are so
+    return input.empty();  // the engine refuses other ranks, too
   }
   for (const std::size_t axis : {1U, 2U}) {
     const std::int64_t stride = axis == 1 ? options->stride_h() : options->stride_w();
@@ -142,7 +140,7 @@ Reason LookAtSizes(const Step& step) {
   const std::vector<std::int64_t> sizes =
       input ? step.Constant(*input) : std::vector<std::int64_t>();
   if (sizes.empty()) {
-    return {};  // none, computed, or a scalar's
+    return {};  // none, computed, or for a scalar
   }
   const std::int64_t least = step.code() == BuiltinOperator::MIRROR_PAD       ? -INT32_MAX
                              : step.code() == BuiltinOperator::TRANSPOSE_CONV ? 1

@@ -25,7 +25,7 @@ std::vector<std::int64_t> Numbers(const flatbuffers::Vector<std::uint8_t>& bytes
 Step::Step(const format::Model& model, const format::SubGraph& graph, const format::Operator& table)
     : buffers_(OrEmpty(model.buffers())), tensors_(OrEmpty(graph.tensors())), table_(table) {
   const auto& codes = OrEmpty(model.operator_codes());
-  if (table.opcode_index() < codes.size()) {  // else refused by the engine
+  if (table.opcode_index() < codes.size()) {  // otherwise, the engine refuses it
     const auto* const code = codes[table.opcode_index()];
     code_ = std::max(static_cast<BuiltinOperator>(code->deprecated_builtin_code()),
                      code->builtin_code());
@@ -43,7 +43,7 @@ std::vector<std::int64_t> Step::Constant(flatbuffers::uoffset_t input) const {
     return {};
   }
   const auto& bytes = OrEmpty(buffers_[tensor->buffer()]->data());
-  std::vector<std::int64_t> values;  // of other types: none, the engine refuses them
+  std::vector<std::int64_t> values;  // empty for other types, which the engine refuses
   if (tensor->type() == TensorType::INT64) {
     values = Numbers<std::int64_t>(bytes);
   } else if (tensor->type() == TensorType::INT32) {
@@ -53,7 +53,7 @@ std::vector<std::int64_t> Step::Constant(flatbuffers::uoffset_t input) const {
   } else if (tensor->type() == TensorType::INT8) {
     values = Numbers<std::int8_t>(bytes);
   }
-  // There may be more bytes than the shape takes.
+  // The buffer may be longer than the shape requires.
   std::int64_t count = 1;
   for (const std::int64_t size : ShapeOf(tensor)) {
     count = std::clamp<std::int64_t>(count * size, 0, INT32_MAX);

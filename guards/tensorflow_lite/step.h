@@ -1,4 +1,4 @@
-// One operator of a graph, as a TensorFlow Lite model file describes it.
+// One operator of a graph, as it is in a TensorFlow Lite model file.
 #pragma once
 
 #include <model_format_generated.h>
@@ -14,10 +14,10 @@ using format::BuiltinOperator;
 using Indices = flatbuffers::Vector<std::int32_t>;
 using Reason = std::string;  // empty for none
 
-constexpr std::int32_t kNone = -1;     // for the index of a tensor
-constexpr std::int64_t kUnknown = -1;  // for a size
+constexpr std::int32_t kNone = -1;     // the index of a missing tensor
+constexpr std::int64_t kUnknown = -1;  // a size that is only known at run time
 
-/// A vector of a table; an empty one where the table has none.
+/// Returns a vector of a table, or an empty one if the table does not have it.
 template <typename Vector>
 const Vector& OrEmpty(const Vector* vector) {
   static const std::uint32_t nothing = 0;
@@ -34,17 +34,17 @@ class Step {
   const Indices& inputs() const { return OrEmpty(table_.inputs()); }
   const Indices& outputs() const { return OrEmpty(table_.outputs()); }
 
-  /// Null where there is none.
+  /// Returns null if there is no such tensor.
   const format::Tensor* Input(flatbuffers::uoffset_t i) const { return Tensor(inputs(), i); }
   const format::Tensor* Output(flatbuffers::uoffset_t i) const { return Tensor(outputs(), i); }
 
-  /// The values of a constant of integers; none for any other tensor.
+  /// Returns the values of an integer constant, or nothing for any other tensor.
   std::vector<std::int64_t> Constant(flatbuffers::uoffset_t input) const;
 
   /// The input whose values are the sizes that the operator makes, if it has one.
   std::optional<flatbuffers::uoffset_t> InputOfSizes() const;
 
-  /// With kUnknown for a size that only a run knows.
+  /// Sizes that are only known at run time are kUnknown.
   static std::vector<std::int64_t> ShapeOf(const format::Tensor* tensor);
 
  private:
@@ -56,8 +56,8 @@ class Step {
   BuiltinOperator code_ = {};
 };
 
-/// What of an operator the engine does not survive: in its tensors and options, and in the sizes
-/// that it makes of a constant.
+/// Return what of an operator would crash the engine: in its tensors and options, and in the sizes
+/// that it reads from a constant.
 Reason LookAtOperator(const Step& step);
 Reason LookAtSizes(const Step& step);
 

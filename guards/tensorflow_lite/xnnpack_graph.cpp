@@ -9,11 +9,10 @@ namespace velmora::plugin::network::guards {
 
 namespace {
 
-/// A set of a graph's tensors.
 class Tensors {
  public:
   explicit Tensors(std::size_t count) : has_(count) {}
-  /// False when one is no tensor.
+  /// Returns false if any of them is not a tensor.
   bool Add(const Indices& tensors) {
     bool are_tensors = true;
     for (const std::int32_t tensor : tensors) {
@@ -38,7 +37,7 @@ class Tensors {
   std::vector<bool> has_;
 };
 
-/// XNNPACK takes weights before they are unpacked, in the shape that they are said to have then.
+/// XNNPACK unpacks constant weights in advance, into the shape that the file states for the result.
 bool HasOtherShape(const Step& step) {
   return (step.code() == BuiltinOperator::DEQUANTIZE || step.code() == BuiltinOperator::DENSIFY) &&
          Step::ShapeOf(step.Input(0)) != Step::ShapeOf(step.Output(0));
@@ -55,7 +54,7 @@ bool IsForXnnpack(const format::Model& model, const format::SubGraph& graph) {
   }
   Tensors used(OrEmpty(graph.tensors()).size());
   if (!used.Add(OrEmpty(graph.outputs()))) {
-    return false;  // the engine takes none of them then
+    return false;  // the engine then ignores all outputs
   }
   for (flatbuffers::uoffset_t i = steps.size(); i > 0; --i) {
     const Indices& outputs = OrEmpty(steps[i - 1]->outputs());
