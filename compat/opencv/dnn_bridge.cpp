@@ -11,8 +11,8 @@ namespace velmora::plugin::network::cv::dnn {
 /// What a Net and the outputs of its current pass share.
 struct Blob::Pass {
   ::cv::dnn::Net net;
-  std::vector<String> layers;  // that a run computes: the ends of the network, and any asked for
-  std::vector<std::vector<::cv::Mat>> outputs;  // of the last run: of each layer all it has
+  std::vector<String> layers;  // those that a run computes: the ends, and all requested ones
+  std::vector<std::vector<::cv::Mat>> outputs;  // of the last run: all that each layer has
 
   size_t IndexOf(const String& layer);
   void Run();
@@ -22,7 +22,7 @@ namespace {
 
 using LayerPtr = Ptr<Layer>;
 
-/// True for the layers that OpenCV computes together with the layer before them.
+/// Whether OpenCV computes this layer together with the one before it.
 bool CanBeFusedBackward(const LayerPtr& layer) {
   Mat scale;
   Mat shift;
@@ -31,10 +31,9 @@ bool CanBeFusedBackward(const LayerPtr& layer) {
          layer.dynamicCast<ActivationLayer>();
 }
 
-/// The layers that no other reads. The MVN layers are among them although they are read: OpenCV
-/// (4.6) fuses a normalisation into them and never takes it back, so that the next plan of the
-/// network, for another image size or other outputs, applies it twice. It fuses nothing into a
-/// layer asked for.
+/// The layers that no other layer reads, and the MVN layers. OpenCV (4.6) fuses a normalisation
+/// into an MVN layer and never undoes it, so that the next plan of the network, for another image
+/// size or other outputs, applies it twice. It fuses nothing into a layer that is requested.
 std::vector<String> EndsOf(::cv::dnn::Net& net) {
   const std::vector<int> ends = net.getUnconnectedOutLayers();
   std::vector<String> names;
@@ -47,9 +46,9 @@ std::vector<String> EndsOf(::cv::dnn::Net& net) {
   return names;
 }
 
-/// OpenCV fuses a layer such as a convolution with the run of normalisations and activations behind
-/// it. The outputs of the layers inside such a run are never written (reading one gives whatever
-/// the memory held), although they may be asked for; those of its first and last layer are right.
+/// OpenCV fuses a layer such as a convolution with the normalisations and activations that follow
+/// it. The outputs inside such a chain can be requested but are never written (reading one returns
+/// whatever was in memory); those of the first and the last layer are correct.
 bool IsInsideFusedChain(::cv::dnn::Net& net, const String& name) {
   const LayerPtr layer = net.getLayer(net.getLayerId(name));
   if (!CanBeFusedBackward(layer)) {
@@ -70,7 +69,7 @@ size_t Blob::Pass::IndexOf(const String& layer) {
   const auto found = std::find(layers.begin(), layers.end(), layer);
   const auto index = static_cast<size_t>(found - layers.begin());
   if (found == layers.end()) {
-    // Fusion costs nothing to leave on, and much to turn off, where no such layer is asked for.
+    // Networks are much slower without fusion, so it stays on unless such a layer is requested.
     if (IsInsideFusedChain(net, layer)) {
       net.enableFusion(false);
     }
@@ -83,7 +82,7 @@ void Blob::Pass::Run() {
   if (layers.empty()) {
     layers = EndsOf(net);
 #if CV_VERSION_MAJOR == 4 && CV_VERSION_MINOR > 6
-    // 4.10 keeps what it has once fused into a convolution, also when that is asked for later.
+    // 4.10 never undoes a fusion into a convolution, even if that is requested later.
     net.enableFusion(false);
 #endif
   }
@@ -123,7 +122,7 @@ void Blob::updateMat(bool /*sync_data*/) const {
                                        std::to_string(outputs.size()));
   }
   mat_ = outputs[output_];
-  CV_Assert(mat_.total() >= total(1));  // one sample is there to be read
+  CV_Assert(mat_.total() >= total(1));  // one sample can be read
 }
 
 size_t Blob::total(int start_axis) const {
@@ -151,7 +150,7 @@ Blob Net::getBlob(const String& output_name) {
   Blob blob;
   blob.pass_ = pass_;
   String layer = output_name;
-  // 3.2 has no dots in the names of layers; later versions have, and then the whole name counts.
+  // 3.2 allows no dots in the names of layers. In later versions, the whole name comes first.
   const size_t dot = output_name.find('.');
   if (dot != String::npos && pass_->net.getLayerId(output_name) < 0) {
     const String output = output_name.substr(dot + 1);

@@ -8,7 +8,7 @@ namespace InferenceEngine {
 
 namespace {
 
-/// A port of a network: where it is in the engine's own order, and what else it is called.
+/// An input or output of a network: its index in the engine, and what the old API says about it.
 template <typename Info>
 struct Port {
   std::size_t index;
@@ -19,7 +19,7 @@ using Inputs = std::map<std::string, Port<InputInfo>>;
 using Outputs = std::map<std::string, Port<Data>>;
 using Aliases = std::map<std::string, std::string>;
 
-/// What a port is called, and by what other names it may be asked for.
+/// The inputs and outputs by name, and the tensor names by which they may be requested as well.
 struct Names {
   Inputs inputs;
   Outputs outputs;
@@ -49,8 +49,8 @@ Names NamesOf(const ov::Model& model) {
   return names;
 }
 
-/// A Reshape to a constant shape has the batch of its day in the first number. From now on it holds
-/// as many for each slot of a batch as it does today.
+/// The first number of a Reshape to a constant shape contains the current batch size. Makes it
+/// follow the batch size of the input from now on, in proportion.
 void LetReshapesFollowTheBatch(const ov::Model& model) {
   using namespace ov::opset8;
   const auto number = [](std::int64_t value) {
@@ -140,7 +140,7 @@ void InferRequest::Wait(std::int64_t /*mode*/) { impl_->request.wait(); }
 
 InferRequest ExecutableNetwork::CreateInferRequest() {
   ov::InferRequest request = impl_->model.create_infer_request();
-  // Inputs that nobody feeds have a value all the same, and the same one every time.
+  // Inputs that are never set are zero, so that results are reproducible.
   for (const auto& [name, port] : impl_->names.inputs) {
     ov::Tensor tensor = request.get_input_tensor(port.index);
     std::memset(tensor.data(), 0, tensor.get_byte_size());
@@ -151,7 +151,7 @@ InferRequest ExecutableNetwork::CreateInferRequest() {
 
 void CNNNetwork::setBatchSize(std::size_t size) {
   InputShapes shapes = getInputShapes();
-  // The batch that the model has. Of three dimensions or one, the first may be something else.
+  // The model's current batch size. With one dimension or three, the first may be something else.
   std::size_t batch = 1;
   for (const auto& [name, shape] : shapes) {
     if ((shape.size() == 2 || shape.size() > 3) && shape[0] != 0) {
@@ -185,7 +185,7 @@ CNNNetwork::InputShapes CNNNetwork::getInputShapes() const {
 }
 
 void CNNNetwork::reshape(const InputShapes& shapes) {
-  // Not for nothing: the engine goes through the whole network.
+  // Reshaping is slow, because the engine goes through the whole network.
   if (shapes == getInputShapes()) {
     return;
   }
@@ -273,7 +273,7 @@ ExecutableNetwork Core::LoadNetwork(const CNNNetwork& network, const std::string
     if (!impl_->caches) {
       throw;
     }
-    // A file in the cache that may not be read is an error to the engine.
+    // To the engine, an unreadable file in the cache is an error.
     impl_->caches = false;
     impl_->core.set_property(ov::cache_dir(""));
     compiled = impl_->core.compile_model(model, device, properties);

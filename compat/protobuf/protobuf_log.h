@@ -1,4 +1,4 @@
-// Serves every libprotobuf: up to version 21 it has a log of its own, from 22 on it uses Abseil's.
+// libprotobuf has its own log up to version 21 and uses Abseil's from 22 on.
 #pragma once
 
 #include <google/protobuf/stubs/common.h>

@@ -18,7 +18,7 @@ namespace velmora::plugin::network::tflite {
 
 namespace {
 
-constexpr int kPriority = LOG_LOCAL1 | LOG_INFO;  // that of the network code's lines
+constexpr int kPriority = LOG_LOCAL1 | LOG_INFO;  // as in src/network/log.cpp
 
 class LogReporter : public ErrorReporter {
  public:
@@ -26,9 +26,9 @@ class LogReporter : public ErrorReporter {
     char* text = nullptr;
     const int length = vasprintf(&text, format, arguments);
     if (length < 0) {
-      return length;  // no memory for a line in the log
+      return length;  // out of memory
     }
-    // The engine ends some of its texts with a newline, and has others of several lines.
+    // Some of the engine's texts end with a newline, and some have several lines.
     char* end = text + length;
     while (end != text && end[-1] == '\n') {
       --end;
@@ -45,7 +45,7 @@ void Report(void* reporter, const char* format, va_list arguments) {
   static_cast<ErrorReporter*>(reporter)->Report(format, arguments);
 }
 
-/// Null data when the file cannot be mapped.
+/// data() is null if the file cannot be mapped.
 class MappedFile {
  public:
   explicit MappedFile(const char* path) {
@@ -86,9 +86,9 @@ struct Delete {
   void operator()(TfLiteInterpreter* interpreter) const { TfLiteInterpreterDelete(interpreter); }
 };
 
-/// The delegate that BuiltinOpResolver brings along in the C++ API, with its defaults.
+/// The delegate that BuiltinOpResolver adds in the C++ API, with its defaults.
 std::unique_ptr<TfLiteDelegate, Delete> MakeDelegate() {
-  // The first one that is made is announced on standard error, which is not a library's to use.
+  // The engine announces the first delegate on standard error, where a library must not write.
   [[maybe_unused]] static const bool announced = [] {
     const int before = ::tflite::LoggerOptions::SetMinimumLogSeverity(2);
     TfLiteXNNPackDelegateDelete(TfLiteXNNPackDelegateCreate(nullptr));
@@ -100,7 +100,7 @@ std::unique_ptr<TfLiteDelegate, Delete> MakeDelegate() {
 
 }  // namespace
 
-// NOLINTNEXTLINE(cert-dcl50-cpp): the engine's own has it.
+// NOLINTNEXTLINE(cert-dcl50-cpp): as in the engine
 int ErrorReporter::Report(const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
@@ -115,7 +115,7 @@ ErrorReporter* DefaultErrorReporter() {
 }
 
 struct FlatBufferModel::Impl {
-  MappedFile file;  // the model's memory, and so goes last
+  MappedFile file;  // used by the model, so destroyed last
   std::unique_ptr<TfLiteModel, Delete> model;
   ErrorReporter* reporter;
 };
@@ -125,8 +125,7 @@ FlatBufferModel::~FlatBufferModel() = default;
 
 std::unique_ptr<FlatBufferModel> FlatBufferModel::VerifyAndBuildFromFile(
     const char* path, TfLiteVerifier* extra_verifier, ErrorReporter* reporter) {
-  // Not by its name: both verifiers look at what the engine then uses, whatever becomes of the
-  // file.
+  // Mapped here, so that both verifiers check what the engine uses, whatever happens to the file.
   MappedFile file(path);
   if (file.data() == nullptr) {
     reporter->Report("Cannot read %s", path);
@@ -134,7 +133,7 @@ std::unique_ptr<FlatBufferModel> FlatBufferModel::VerifyAndBuildFromFile(
   }
   std::unique_ptr<TfLiteModel, Delete> model(
       TfLiteModelCreateWithErrorReporter(file.data(), file.size(), Report, reporter));
-  // What goes beyond the length that this type holds are values behind the tables.
+  // What lies beyond the greatest int can only be values, which follow the tables.
   const int length = static_cast<int>(std::min<std::size_t>(file.size(), INT_MAX));
   if (!model || !extra_verifier->Verify(file.data(), length, reporter)) {
     return nullptr;
@@ -147,8 +146,8 @@ struct Interpreter::Impl {
   const TfLiteModel* model;
   ErrorReporter* reporter;
   std::unique_ptr<TfLiteDelegate, Delete> delegate;
-  std::unique_ptr<TfLiteInterpreter, Delete> interpreter;  // uses the delegate, and so goes first
-  bool is_trying = false;  // whether the delegate takes the graph; what is in its way is no error
+  std::unique_ptr<TfLiteInterpreter, Delete> interpreter;  // uses the delegate, so destroyed first
+  bool is_trying = false;  // trying the delegate; if it fails, that is no error
 
   bool Build() {
     const std::unique_ptr<TfLiteInterpreterOptions, Delete> options(
@@ -169,7 +168,7 @@ struct Interpreter::Impl {
     return interpreter != nullptr;
   }
 
-  /// Builds it anew, as the delegate did not let it be; false also when it had none.
+  /// Builds again after the delegate has failed. Returns false if there was no delegate.
   bool BuildWithoutDelegate() {
     if (!delegate) {
       return false;

@@ -1,5 +1,4 @@
-// TensorFlow Lite's C API, as far as it is used: opaque handles and plain functions, the same since
-// 2.3. No package has its headers.
+// The part of TensorFlow Lite's C API that is used, the same since 2.3. No package has headers.
 #pragma once
 
 #include <cstdarg>
@@ -13,7 +12,7 @@ struct TfLiteInterpreter;
 struct TfLiteTensor;
 struct TfLiteDelegate;
 using TfLiteReport = void (*)(void* user_data, const char* format, va_list arguments);
-/// Null for what the engine's verifier refuses. The data is not copied.
+/// Returns null if the engine's verifier rejects the data, which is not copied.
 TfLiteModel* TfLiteModelCreateWithErrorReporter(const void* data, std::size_t size,
                                                 TfLiteReport report, void* user_data);
 void TfLiteModelDelete(TfLiteModel* model);
@@ -21,10 +20,10 @@ TfLiteInterpreterOptions* TfLiteInterpreterOptionsCreate();
 void TfLiteInterpreterOptionsDelete(TfLiteInterpreterOptions* options);
 void TfLiteInterpreterOptionsSetErrorReporter(TfLiteInterpreterOptions* options,
                                               TfLiteReport report, void* user_data);
-/// The delegate stays the caller's, and outlives every interpreter that is made with the options.
+/// The delegate belongs to the caller and must outlive all interpreters made with the options.
 void TfLiteInterpreterOptionsAddDelegate(TfLiteInterpreterOptions* options,
                                          TfLiteDelegate* delegate);
-/// XNNPACK; null options are the defaults, among them one thread.
+/// Creates an XNNPACK delegate. Null options are the defaults, which include a single thread.
 TfLiteDelegate* TfLiteXNNPackDelegateCreate(const void* options);
 void TfLiteXNNPackDelegateDelete(TfLiteDelegate* delegate);
 TfLiteInterpreter* TfLiteInterpreterCreate(const TfLiteModel* model,
@@ -45,8 +44,8 @@ void* TfLiteTensorData(const TfLiteTensor* tensor);
 }
 
 namespace tflite {
-/// How much the engine writes to standard error by itself, without a reporter: of C++ all the same,
-/// because the C API has nothing for it. 1 is information, which is the default, and 2 warnings.
+/// How much the engine writes to standard error without a reporter. The C API has no function for
+/// it. 1 is information, which is the default, and 2 is warnings.
 class LoggerOptions {
  public:
   static int SetMinimumLogSeverity(int severity) asm(

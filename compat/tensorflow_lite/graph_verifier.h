@@ -1,4 +1,3 @@
-// The second look at a model file, as TensorFlow Lite takes it.
 #pragma once
 
 #include <tensorflow/lite/model.h>
@@ -9,7 +8,7 @@
 
 namespace velmora::plugin::network::compat {
 
-/// Refuses what guards::RefusalOfGraphs() does, and tells the reporter why.
+/// Refuses what guards::RefusalOfGraphs() refuses, and reports the reason.
 class GraphVerifier : public tflite::TfLiteVerifier {
  public:
   bool Verify(const char* data, int /*length*/, tflite::ErrorReporter* reporter) override {

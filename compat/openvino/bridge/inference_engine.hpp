@@ -1,16 +1,15 @@
-// The Inference Engine API of 2021, over OpenVINO's API 2.0 (2024.3 and later, whose packages no
-// longer have the old one). Only the names that src/network/ uses. Where the real headers are, this
-// one is not compiled.
+// The Inference Engine API of 2021, implemented with OpenVINO's API 2.0 (2024.3 and later, whose
+// packages no longer have the old API). Contains only what src/network/ uses. Not compiled where
+// the real headers are found.
 //
-// What the old API promises and the new one does not is kept here; what differs from the real
-// engine all the same is in docs/architecture.md:
-//   - an input is named by its layer, an output by the layer that produces it, with ".N" behind the
-//     name when that layer has several outputs; a tensor name of the model is accepted too where no
-//     layer has the name;
-//   - inputs and outputs come in maps, sorted by name;
-//   - a batch that the model already has changes nothing; another one scales the first dimension of
-//     every input in proportion;
-//   - a blob's memory is the engine's own, and is written and read in place.
+// The bridge keeps these promises of the old API, which the new one does not make.
+// docs/architecture.md lists the remaining differences.
+//   - An input is named after its layer, an output after the layer that produces it, followed by
+//     ".N" if that layer has several outputs. A tensor name is accepted if no layer has the name.
+//   - Inputs and outputs are in maps, sorted by name.
+//   - Setting the batch size that a model already has changes nothing; another one scales the first
+//     dimension of every input in proportion.
+//   - A blob's memory is the engine's own, and is written and read in place.
 #pragma once
 
 #include <cstddef>
@@ -25,7 +24,7 @@ namespace InferenceEngine {
 
 using SizeVector = std::vector<std::size_t>;
 
-/// What this API itself reports; exceptions of the engine come as they are.
+/// Errors of this API itself; exceptions of the engine pass through.
 class Exception : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
@@ -60,7 +59,7 @@ class InputInfo {
   using Ptr = std::shared_ptr<InputInfo>;
   void setPrecision(Precision precision) { precision_ = precision; }
   Precision getPrecision() const { return precision_; }
-  /// The only layout there is here, and the one that a model has.
+  /// NCHW is the only layout here, and models have it already.
   void setLayout(Layout /*layout*/) {}
 
  private:
@@ -127,7 +126,7 @@ class InferRequest {
   Blob::Ptr GetBlob(const std::string& name);
   void Infer();
   void StartAsync();
-  void Wait(std::int64_t milliseconds);  // -1, the only value here: until the result is ready
+  void Wait(std::int64_t milliseconds);  // -1, the only value here, waits for the result
 
  private:
   std::shared_ptr<Impl> impl_;
@@ -145,8 +144,8 @@ class ExecutableNetwork {
 
 class CNNNetwork {
  public:
-  /// A dimension that the model leaves open is 0, which in the real engine none can be. One of 0
-  /// stays as it is in reshape(). An open batch takes the size that is set.
+  /// A dimension that the model leaves open is 0, which the real engine does not have. reshape()
+  /// leaves such a dimension open; setBatchSize() sets an open batch.
   using InputShapes = std::map<std::string, SizeVector>;
 
   struct Impl;
@@ -167,13 +166,13 @@ class Core {
   struct Impl;
   explicit Core(const std::string& xml_config_file);
 
-  /// Takes "CACHE_DIR". A folder that cannot be made is left out: a cache makes loading faster and
-  /// must not keep it from working.
+  /// Supports "CACHE_DIR". If the folder cannot be created, there is no cache, because a cache only
+  /// makes loading faster and must not prevent it.
   void SetConfig(const std::map<std::string, std::string>& config, const std::string& device);
   CNNNetwork ReadNetwork(const std::string& model_path, const std::string& weights_path);
 
-  /// On the CPU a network computes in 32-bit floats, for the same answers on every machine: the
-  /// engine, that of 2021 too, would take 16 bits where the processor has them.
+  /// On the CPU, a network computes in 32-bit floats, for the same results on all machines: by
+  /// default the engine, including that of 2021, uses 16 bits if the processor supports it.
   ExecutableNetwork LoadNetwork(const CNNNetwork& network, const std::string& device,
                                 const std::map<std::string, std::string>& config);
 

@@ -1,7 +1,6 @@
-// OpenCV 3.2, whose dnn API src/network/ is written against: nothing to bridge. Only the two
-// readers stand before OpenCV's: the single-file one because 3.2 has none, the other because it
-// keeps files away from the importer that would crash it. See ../../bridge/opencv2/dnn.hpp for the
-// namespace.
+// OpenCV 3.2, for which src/network/ is written. Only two readers hide OpenCV's own: one for single
+// files, which 3.2 lacks, and one that refuses files that would crash the importer. See
+// ../../bridge/opencv2/dnn.hpp for the namespace.
 #pragma once
 
 #include_next <opencv2/dnn.hpp>

@@ -1,8 +1,7 @@
-// TensorFlow Lite's C++ API, over the C API of a library that comes without headers (2.20). Only
-// the names that src/network/ uses. Where the C++ headers and library are, this is not compiled.
-//
-// The names stand in the library's own namespace: the C API's library exports the C++ classes too,
-// and these must not be taken for them.
+// TensorFlow Lite's C++ API, implemented with the C API of a library that comes without headers
+// (2.20). Contains only what src/network/ uses. Not compiled where the C++ headers and library are
+// found. The names are in the library's own namespace, because the C API's library exports the C++
+// classes as well, and the two must not be confused.
 #pragma once
 
 #include <cstdarg>
@@ -12,7 +11,7 @@
 
 namespace velmora::plugin::network {
 
-enum TfLiteStatus { kTfLiteOk = 0 };  // all others are failures
+enum TfLiteStatus { kTfLiteOk = 0 };  // all other values are failures
 
 enum TfLiteType { kTfLiteFloat32 = 1 };
 
@@ -21,7 +20,7 @@ struct TfLiteIntArray {
   std::vector<int> data;
 };
 
-/// What the engine says of a tensor at this moment: an output may get its size in a run only.
+/// The current state of a tensor: an output may only get its size in a run.
 struct TfLiteTensor {
   TfLiteType type = {};
   const TfLiteIntArray* dims = nullptr;
@@ -37,10 +36,10 @@ class ErrorReporter {
   int Report(const char* format, ...);
 };
 
-/// Writes to the log, a line for each report: a library has no standard error of its own.
+/// Writes each report to the log as one line, because a library must not write to standard error.
 ErrorReporter* DefaultErrorReporter();
 
-/// A second opinion on a file that the engine has verified.
+/// Another check of a file that the engine has verified.
 class TfLiteVerifier {
  public:
   virtual ~TfLiteVerifier() = default;
@@ -49,7 +48,7 @@ class TfLiteVerifier {
 
 class FlatBufferModel {
  public:
-  /// Null when the file cannot be read, is no valid model, or is not to the verifier's liking.
+  /// Returns null if the file cannot be read, is not a valid model, or is refused by the verifier.
   static std::unique_ptr<FlatBufferModel> VerifyAndBuildFromFile(const char* path,
                                                                  TfLiteVerifier* extra_verifier,
                                                                  ErrorReporter* reporter);
@@ -63,7 +62,7 @@ class FlatBufferModel {
   std::unique_ptr<Impl> impl_;
 };
 
-/// Stands for the one set of operators that the C API has.
+/// Stands for the only set of operators that the C API has.
 class OpResolver {};
 namespace ops::builtin {
 class BuiltinOpResolver : public OpResolver {};
@@ -81,10 +80,10 @@ class Interpreter {
   const std::vector<int>& outputs() const { return outputs_; }
   std::size_t tensors_size() const { return tensors_.size(); }
 
-  /// Valid until the tensor is asked for again.
+  /// Valid until the next call for the same tensor.
   const TfLiteTensor* tensor(int index);
 
-  /// Null unless the tensor's type is T; float is the only one here.
+  /// Returns null unless the tensor's type is T, which can only be float here.
   template <typename T>
   T* typed_tensor(int index);
   template <typename T>
@@ -109,11 +108,11 @@ float* Interpreter::typed_tensor<float>(int index);
 
 class InterpreterBuilder {
  public:
-  /// The options must be null: there is no type for them here.
+  /// The options must be null, because they have no type here.
   InterpreterBuilder(const FlatBufferModel& model, const OpResolver& resolver,
                      std::nullptr_t options);
 
-  /// Leaves null behind when the interpreter cannot be built.
+  /// Sets the pointer to null if the interpreter cannot be built.
   TfLiteStatus operator()(std::unique_ptr<Interpreter>* interpreter);
 
  private:

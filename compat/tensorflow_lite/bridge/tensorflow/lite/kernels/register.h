@@ -1,4 +1,4 @@
-// Where the C++ API has BuiltinOpResolver.
+// The header of BuiltinOpResolver in the C++ API.
 #pragma once
 
 #include <tensorflow/lite/model.h>
