@@ -26,7 +26,7 @@ std::string_view Trim(std::string_view text) {
   return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
 }
 
-/// `text` is all that follows the "=".
+/// `text` is everything after the "=".
 std::string_view Value(std::string_view text) {
   const std::string_view trimmed = Trim(text);
   if (!trimmed.empty() && (trimmed.front() == '"' || trimmed.front() == '\'')) {
@@ -46,7 +46,7 @@ std::string_view Value(std::string_view text) {
 }  // namespace
 
 int KLIBCProcAlive(int pid) {
-  // Unlike kill, this takes no id for a group of processes, and no thread for a process.
+  // Unlike kill(), this accepts neither process groups nor threads other than a process's first.
   return tgkill(pid, pid, 0) == 0 || errno == EPERM ? 1 : 0;
 }
 
@@ -62,7 +62,7 @@ int KLIBCExec(const char* path, const char* arg1, const char* arg2, const char* 
     return -1;
   }
   const char* const given[] = {path, arg1, arg2, arg3, arg4, nullptr};
-  // What is started takes its arguments as writable strings.
+  // posix_spawn() takes writable strings.
   char* arguments[6] = {};
   for (int i = 0; given[i] != nullptr; ++i) {
     arguments[i] = const_cast<char*>(given[i]);
@@ -103,7 +103,7 @@ int KLIBCFileGetKeyValue(const char* file, const char* key, char* buffer, int si
     errno = EINVAL;
     return -1;
   }
-  // Not blocking, so that a FIFO in the file's place is an empty file and not a wait.
+  // With O_NONBLOCK, a FIFO reads as an empty file instead of blocking.
   const int fd = open(file, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   FILE* const stream = fd < 0 ? nullptr : fdopen(fd, "r");
   if (stream == nullptr) {
@@ -131,11 +131,11 @@ int KLIBCFileGetKeyValue(const char* file, const char* key, char* buffer, int si
     result = static_cast<int>(kept) + 1;
   }
   if (result == 0 && feof(stream) == 0) {
-    result = -1;  // a read error, or a line too long for the memory
+    result = -1;  // a read error, or a line that does not fit into memory
   }
   const int error = errno;
   free(text);
-  static_cast<void>(fclose(stream));  // only read from
+  static_cast<void>(fclose(stream));  // was only read
   errno = error;
   return result;
 }

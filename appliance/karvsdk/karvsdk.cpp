@@ -9,10 +9,10 @@
 
 namespace {
 
-/// Makes one directory; `made` is told of it. False with errno when it is not there afterwards.
+/// Creates one directory and adds it to `made`, unless it exists already. Sets errno on failure.
 bool MakeOne(const std::string& path, mode_t mode, std::vector<std::string>& made) {
   made.push_back(path);
-  // Until everything below it exists, the owner must get in.
+  // The owner needs access until everything below exists.
   if (mkdir(path.c_str(), mode | S_IRWXU) == 0) {
     return true;
   }
@@ -47,7 +47,7 @@ bool MakeAll(const std::string& path, mode_t mode, std::vector<std::string>& mad
 int KARVFSMkdirP(const char* path, int, int, unsigned, unsigned, unsigned mode) try {
   std::vector<std::string> made;
   int error = MakeAll(path == nullptr ? "" : path, mode, made) ? 0 : errno;
-  // From the deepest upwards, because a mode may close a directory to its owner.
+  // Starts at the deepest directory, because `mode` may deny the owner access.
   for (std::size_t i = made.size(); i-- > 0;) {
     if (chmod(made[i].c_str(), mode) != 0 && error == 0) {
       error = errno;

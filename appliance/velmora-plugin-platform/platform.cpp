@@ -11,7 +11,7 @@ namespace velmora::plugin::platform {
 
 namespace {
 
-/// A node of the kernel's direct rendering manager whose PCI vendor is Intel.
+/// Whether a DRM device node belongs to an Intel PCI device.
 bool IsIntelGpu(const std::filesystem::path& node) {
   std::ifstream file("/sys/class/drm" / node.filename() / "device/vendor");
   std::string vendor;
@@ -46,7 +46,7 @@ bool IsSupportedIENetworkGpu() try {
   }
   return false;
 } catch (const std::exception&) {
-  return false;  // no memory
+  return false;  // out of memory
 }
 
 }  // namespace velmora::plugin::platform

@@ -1,20 +1,20 @@
-// The operations of the photo service's libvelmora-plugin-platform.so.1 that this project calls:
-// which engines the machine can run. On the appliance its own library answers; elsewhere the one
-// built here does. All may be called from any thread at once, and none throws.
+// The functions of the photo service's libvelmora-plugin-platform.so.1 that this project calls:
+// which engines the machine can run. Machines without that library use the substitute built here.
+// All may be called from several threads at once. None throws.
 #pragma once
 
 namespace velmora::plugin::platform {
 
-/// True when the Inference Engine can run here: it was there when this library was built, and the
-/// processor is one that it runs on.
+/// Whether the Inference Engine can run: it was present when this library was built, and supports
+/// the processor.
 __attribute__((visibility("default"))) bool IsSupportedIENetwork();
 
-/// True when TensorFlow Lite can run here: it was there when this library was built, and its own
-/// choice of code for the processor does the rest.
+/// Whether TensorFlow Lite can run: it was present when this library was built. The engine itself
+/// selects code that suits the processor.
 __attribute__((visibility("default"))) bool IsSupportedTFLiteNetwork();
 
-/// True when the Inference Engine can use a GPU here: IsSupportedIENetwork(), and a graphics device
-/// of Intel's that this process may open. Looks at the machine at every call, which takes
+/// Whether the Inference Engine can use a GPU: IsSupportedIENetwork() is true, and there is an
+/// Intel graphics device that this process may open. Every call checks the machine, which takes
 /// microseconds.
 __attribute__((visibility("default"))) bool IsSupportedIENetworkGpu();
 
