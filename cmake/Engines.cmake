@@ -1,6 +1,6 @@
-# Finds the engines, once, and decides which bridge of compat/ each of them needs.
+# Finds the engines once and decides which bridge in compat/ each of them needs.
 
-# Without a version in the call: OpenCV 4's package says that it is none of 3.
+# No version is given in the call, because OpenCV 4's package does not accept 3.
 find_package(OpenCV REQUIRED COMPONENTS core dnn)
 if(OpenCV_VERSION VERSION_LESS 3.2)
   message(FATAL_ERROR "OpenCV 3.2 or later is needed, found ${OpenCV_VERSION}")
@@ -13,9 +13,9 @@ else()
 endif()
 message(STATUS "OpenCV ${OpenCV_VERSION}: dnn API ${VELMORA_OPENCV_API}")
 
-# The Inference Engine. One that the user names, on the command line or else in the environment, is
-# taken or is an error. Without a name: one of 2021 that the machine has, then an OpenVINO, then the
-# OpenVINO that scripts/setup brings.
+# The Inference Engine. One that the user names on the command line, or else in the environment, is
+# used or is an error. Otherwise, the first of these is used: one of 2021 that the machine has, an
+# OpenVINO that it has, and the OpenVINO that scripts/setup installs.
 option(VELMORA_INFERENCE_ENGINE "Build the Inference Engine (OpenVINO) backend" ON)
 set(InferenceEngine_INCLUDE_DIR "" CACHE PATH
   "The folder of inference_engine.hpp, of an Inference Engine without a CMake package")
@@ -26,13 +26,13 @@ if(VELMORA_INFERENCE_ENGINE)
   message(STATUS "OpenVINO ${OpenVINO_VERSION}: Inference Engine API ${VELMORA_OPENVINO_API}")
 endif()
 
-# TensorFlow Lite: its C++ headers and library where they are (whose own CMake package is broken in
-# Debian), else the C library that scripts/setup brings.
+# TensorFlow Lite: its C++ headers and library if they are found (their CMake package is broken in
+# Debian), otherwise the C library that scripts/setup installs.
 option(VELMORA_TENSORFLOW_LITE "Build the TensorFlow Lite backend" ON)
 set(VELMORA_TENSORFLOW_LITE_API missing)
 if(VELMORA_TENSORFLOW_LITE)
   add_library(velmora-tensorflow-lite SHARED IMPORTED)
-  # Named by the user or looked for anew: an answer of an earlier configuration is not kept.
+  # Named by the user or searched for again: results of an earlier configuration are not kept.
   foreach(named IN ITEMS TensorFlowLite_INCLUDE_DIR TensorFlowLite_LIBRARY TensorFlowLite_C_LIBRARY)
     if(${named} AND NOT EXISTS "${${named}}")
       message(FATAL_ERROR "${named} names ${${named}}, which does not exist")
@@ -57,8 +57,8 @@ if(VELMORA_TENSORFLOW_LITE)
     message(FATAL_ERROR "TensorFlow Lite was not found: run scripts/setup, or install its headers "
       "and library, or build without it (-DVELMORA_TENSORFLOW_LITE=OFF)")
   endif()
-  # Asked of the library: nothing beside it tells. What the bridge uses must be there, too; the library
-  # may be another one than that of scripts/setup, which has XNNPACK.
+  # Only the library itself knows its version. It must also have what the bridge uses, because it may
+  # be another one than that of scripts/setup, which has XNNPACK.
   set(used "")
   if(VELMORA_TENSORFLOW_LITE_API STREQUAL "bridge")
     set(used "#include \"${PROJECT_SOURCE_DIR}/compat/tensorflow_lite/c_api.h\"

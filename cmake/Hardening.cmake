@@ -1,9 +1,9 @@
-# What Debian builds its own programs and libraries with, for all that is installed here. Not with
-# sanitizers, which look further, and not twice: a package's build brings the first two by itself.
+# Debian's own hardening options, for everything that is installed. Not with sanitizers, which check
+# more. A Debian package build sets _FORTIFY_SOURCE itself.
 include(CheckCXXCompilerFlag)
 if(NOT VELMORA_SANITIZE)
   set(hardening -fstack-protector-strong)
-  if(NOT CMAKE_CXX_FLAGS MATCHES "_FORTIFY_SOURCE")  # which needs optimisation
+  if(NOT CMAKE_CXX_FLAGS MATCHES "_FORTIFY_SOURCE")  # needs optimisation
     list(APPEND hardening
       $<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:-U_FORTIFY_SOURCE>
       $<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:-D_FORTIFY_SOURCE=2>)

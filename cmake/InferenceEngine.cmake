@@ -1,7 +1,7 @@
-# Finds the Inference Engine: the target velmora-inference-engine, VELMORA_OPENVINO_API ("native"
-# where its headers are those of 2021, else "bridge"), and OpenVINO_VERSION.
+# Finds the Inference Engine. Defines the target velmora-inference-engine, VELMORA_OPENVINO_API
+# ("native" if its headers are those of 2021, otherwise "bridge") and OpenVINO_VERSION.
 
-# An answer that find_package() left in the cache is looked for anew; what else is there, the user named.
+# What find_package() left in the cache is searched for again; the user has named anything else there.
 set(named)
 if(InferenceEngine_LIBRARY_DIR AND NOT InferenceEngine_INCLUDE_DIR)
   message(FATAL_ERROR "InferenceEngine_LIBRARY_DIR needs InferenceEngine_INCLUDE_DIR beside it")

@@ -1,5 +1,5 @@
-# What is installed beside the targets, which say it themselves. The components: appliance (its
-# libraries), runtime (the library and its engines), development, program (with the sample model),
+# What is installed besides the targets, which have their own calls. The components are appliance (its
+# libraries), runtime (the library and its engines), development, program (with the sample model) and
 # transcode (the program for the record).
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/velmora-plugin-model)
@@ -39,7 +39,7 @@ install(FILES
 install(DIRECTORY ${sample}/images
   DESTINATION ${CMAKE_INSTALL_DATADIR}/velmora-plugin-model/models/digits COMPONENT program)
 
-# The engines that scripts/setup brought go along; those of the machine are used where they are.
+# Engines that scripts/setup installed are included; the machine's own are used where they are.
 set(engines ${PROJECT_SOURCE_DIR}/.deps)
 set(runtime_doc_dir ${CMAKE_INSTALL_DATADIR}/doc/libvelmora-plugin-model${PROJECT_VERSION_MAJOR})
 set(brought_openvino FALSE)
@@ -47,9 +47,9 @@ if(VELMORA_OPENVINO_API STREQUAL "bridge")
   cmake_path(IS_PREFIX engines "${OpenVINO_DIR}" brought_openvino)
 endif()
 if(brought_openvino)
-  # OpenVINO looks for everything beside its own library. An IR on the CPU and the GPU needs its
-  # reader, the two plug-ins with the GPU's table of kernels, and the threads library with what that
-  # opens by itself; the other readers and devices stay behind.
+  # OpenVINO looks for everything beside its own library. Running an IR on the CPU and the GPU needs
+  # the IR reader, the two plug-ins with the GPU's table of kernels, and the threading library with
+  # what that loads itself. Other readers and devices are omitted.
   install(DIRECTORY ${engines}/openvino/openvino/libs/ DESTINATION ${engines_dir} COMPONENT runtime
     FILES_MATCHING
     PATTERN libopenvino.so.*
@@ -66,7 +66,7 @@ endif()
 cmake_path(IS_PREFIX engines "${TensorFlowLite_C_LIBRARY}" brought_tensorflow_lite)
 if(VELMORA_TENSORFLOW_LITE_API STREQUAL "bridge" AND brought_tensorflow_lite)
   install(FILES ${TensorFlowLite_C_LIBRARY} DESTINATION ${engines_dir} COMPONENT runtime)
-  # It would be searched for libraries in a folder of the machine that it was built on.
+  # It contains a search path of the machine that it was built on.
   cmake_path(GET TensorFlowLite_C_LIBRARY FILENAME library)
   install(CODE "file(RPATH_REMOVE
     FILE \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${engines_dir}/${library}\")" COMPONENT runtime)
@@ -85,7 +85,7 @@ foreach(package IN ITEMS
     COMPONENT ${component})
 endforeach()
 
-# Last, because CMake makes folders as the umask says.
+# Last, because CMake applies the umask to the folders that it creates.
 install(CODE [[
   set(folders)
   get_filename_component(prefix "${CMAKE_INSTALL_PREFIX}/" ABSOLUTE)

@@ -1,4 +1,4 @@
-# Debian packages, one for each component: cpack --config build/release/CPackConfig.cmake
+# Debian packages, one per component: cpack --config build/release/CPackConfig.cmake
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/packages)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
@@ -8,7 +8,7 @@ set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_ALL appliance runtime development program transcode)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
-# What a package needs is asked of its files; what these packages have of each other is said below.
+# Dependencies on other packages are determined from the files; those among these are listed below.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS
   ${PROJECT_BINARY_DIR}/src ${PROJECT_BINARY_DIR}/appliance)
@@ -31,7 +31,7 @@ set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "${appliance}")
 set(CPACK_COMPONENT_RUNTIME_DESCRIPTION
   "The library, with the engines that Debian does not have.")
-# Not generated, because that would offer the engines to others, too.
+# Not generated, because that would also offer the engines to other packages.
 file(WRITE ${PROJECT_BINARY_DIR}/shlibs
   "libvelmora-plugin-model ${PROJECT_VERSION_MAJOR} ${library} (>= ${PROJECT_VERSION})\n")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/shlibs)
