@@ -39,13 +39,9 @@ std::string RefusalOf(const File& model, std::string& text) {
     return kNotRegular;
   }
   Format format;
-  const BinaryWalk walk(model, format.net());
-  if (walk.is_too_much()) {
-    return kTooMuch;
-  }
   const auto net = format.NewNet();
-  if (!walk.is_message() || !net->ParsePartialFromString(walk.skeleton())) {
-    return "not a binary Caffe model";
+  if (const Parsed parsed = ParseBinary(model, *net); parsed != Parsed::kModel) {
+    return parsed == Parsed::kTooMuch ? kTooMuch : "not a binary Caffe model";
   }
   if (!net->IsInitialized()) {
     return "no value of " + net->InitializationErrorString();
@@ -98,12 +94,8 @@ std::string RefusalOfCaffePair(const std::string& prototxt_path,
     if (!model.is_regular()) {
       return caffemodel_path + ": " + kNotRegular;
     }
-    const BinaryWalk walk(model, format.net());
-    if (walk.is_too_much()) {
-      return caffemodel_path + ": " + kTooMuch;
-    }
-    if (!walk.is_message() || !weights->ParsePartialFromString(walk.skeleton())) {
-      return {};
+    if (const Parsed parsed = ParseBinary(model, *weights); parsed != Parsed::kModel) {
+      return parsed == Parsed::kTooMuch ? caffemodel_path + ": " + kTooMuch : std::string();
     }
   }
   const std::string reason = BadModel(*description, *weights, size);
@@ -128,11 +120,7 @@ std::vector<std::int64_t> InputOfCaffeBinary(const std::string& path) {
   Format format;
   const auto net = format.NewNet();
   const File model(path);
-  if (!model.is_open() || !model.is_regular()) {
-    return {};
-  }
-  const BinaryWalk walk(model, format.net());
-  return walk.is_message() && net->ParsePartialFromString(walk.skeleton())
+  return model.is_open() && model.is_regular() && ParseBinary(model, *net) == Parsed::kModel
              ? InputOf(*net)
              : std::vector<std::int64_t>();
 }

@@ -26,8 +26,6 @@ class Format {
  public:
   Format();
 
-  const pb::Descriptor* net() const { return net_; }
-
   std::unique_ptr<pb::Message> NewNet() {
     return std::unique_ptr<pb::Message>(factory_.GetPrototype(net_)->New());
   }

@@ -78,7 +78,6 @@ class Interpreter {
   TfLiteStatus Invoke();
   const std::vector<int>& inputs() const { return inputs_; }
   const std::vector<int>& outputs() const { return outputs_; }
-  std::size_t tensors_size() const { return tensors_.size(); }
 
   /// Valid until the next call for the same tensor.
   const TfLiteTensor* tensor(int index);
