@@ -1,9 +1,9 @@
 // The program's MODEL.json: a description, or an error that can be shown to the user.
-#include "description.h"
 
 #include <json/json.h>
 
 #include "common/text.h"
+#include "model.h"
 #include "support.h"
 
 using namespace velmora;

@@ -1,5 +1,6 @@
 #include "batch.h"
 
+#include "common/text.h"
 #include "errors.h"
 #include "images.h"
 
@@ -8,6 +9,15 @@ namespace velmora::tool {
 void ImageRun::Fail(Console* console) {
   error = CurrentError();
   console->Error(file, error);
+}
+
+Json::Value ToJson(const ImageRun& run) {
+  Json::Value image;
+  image["file"] = JsonText(run.file);
+  if (!run.error.empty()) {
+    image["error"] = JsonText(run.error);
+  }
+  return image;
 }
 
 std::vector<ImageRun> RunBatch(const Model& model, std::span<const std::string> files,

@@ -28,6 +28,9 @@ struct ImageRun {
   void Fail(Console* console);
 };
 
+/// The file and the error, if there is one.
+Json::Value ToJson(const ImageRun& run);
+
 /// Runs the images as one batch. Images that cannot be read fail alone; if the network fails, all
 /// of them do.
 std::vector<ImageRun> RunBatch(const Model& model, std::span<const std::string> files,

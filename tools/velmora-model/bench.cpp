@@ -21,7 +21,6 @@
 #include "errors.h"
 #include "images.h"
 #include "model.h"
-#include "options.h"
 #include "summary.h"
 
 namespace velmora::tool {
@@ -49,20 +48,20 @@ constexpr bool kOptimised = true;
 constexpr bool kOptimised = false;
 #endif
 
-#ifdef __clang__
-constexpr const char kCompiler[] = __VERSION__;
-#else
-constexpr const char kCompiler[] = "GCC " __VERSION__;
-#endif
-
 /// What the process holds.
 struct Held {
   std::size_t resident_kib = 0;
   std::size_t libraries = 0;  // mapped shared objects
 };
 
+struct Machine {
+  std::string cpu;
+  std::string kernel;
+};
+
 /// All times are in milliseconds.
 struct Report {
+  Machine machine;
   std::size_t images = 0;
   std::vector<std::pair<const char*, double>> latency;  // of a run: the mean and percentiles
   double images_per_second = 0;
@@ -72,19 +71,20 @@ struct Report {
   Held loaded;
 };
 
-std::string CpuModel(const utsname& system) {
+Machine ThisMachine() {
+  utsname system{};
+  uname(&system);
+  // Not every architecture has the name in /proc/cpuinfo.
+  Machine machine = {system.machine,
+                     fmt::format("{} {} {}", system.sysname, system.release, system.machine)};
   std::ifstream file("/proc/cpuinfo");
   for (std::string line; std::getline(file, line);) {
     if (const std::size_t colon = line.find(": ");
         line.starts_with("model name") && colon != std::string::npos) {
-      return line.substr(colon + 2);
+      machine.cpu = line.substr(colon + 2);
     }
   }
-  return system.machine;  // /proc/cpuinfo does not name it on every architecture
-}
-
-std::string Kernel(const utsname& system) {
-  return fmt::format("{} {} {}", system.sysname, system.release, system.machine);
+  return machine;
 }
 
 Held HoldsNow() {
@@ -159,27 +159,23 @@ Json::Value ToJson(const Report& report, const BenchOptions& options, const Mode
   document["load_ms"] = report.load;
   document["held"]["before"] = ToJson(report.before);
   document["held"]["loaded"] = ToJson(report.loaded);
-  utsname system{};
-  uname(&system);
-  document["machine"]["cpu"] = JsonText(CpuModel(system));
+  document["machine"]["cpu"] = JsonText(report.machine.cpu);
   document["machine"]["cores"] = std::thread::hardware_concurrency();
-  document["machine"]["kernel"] = Kernel(system);
+  document["machine"]["kernel"] = report.machine.kernel;
   document["build"]["version"] = VELMORA_VERSION;
   document["build"]["type"] = VELMORA_BUILD_TYPE;
-  document["build"]["compiler"] = kCompiler;
+  document["build"]["compiler"] = VELMORA_COMPILER;
   document["build"]["optimised"] = kOptimised;
   return document;
 }
 
 void PrintTable(const Report& report, const BenchOptions& options, const Model& model) {
-  utsname system{};
-  uname(&system);
   Print(fmt::format("model       {}\n", OneLine(model.name)));
   Print(EngineLines(model.engine));
-  Print(fmt::format("machine     {}, {} cores, {}\n", OneLine(CpuModel(system)),
-                    std::thread::hardware_concurrency(), Kernel(system)));
-  Print(fmt::format("build       {} {}, {}{}\n", VELMORA_VERSION, VELMORA_BUILD_TYPE, kCompiler,
-                    kOptimised ? "" : ", NOT OPTIMISED"));
+  Print(fmt::format("machine     {}, {} cores, {}\n", OneLine(report.machine.cpu),
+                    std::thread::hardware_concurrency(), report.machine.kernel));
+  Print(fmt::format("build       {} {}, {}{}\n", VELMORA_VERSION, VELMORA_BUILD_TYPE,
+                    VELMORA_COMPILER, kOptimised ? "" : ", NOT OPTIMISED"));
   Print(fmt::format("runs        {} of batch {}, after {} to warm up\n", options.iterations,
                     options.batch, options.warmup));
   Print(fmt::format("throughput  {:.1f} images/s\n\n", report.images_per_second));
@@ -196,6 +192,7 @@ int Bench(const BenchOptions& options) {
   using Clock = std::chrono::steady_clock;
   using Milliseconds = std::chrono::duration<double, std::milli>;
   Report report;
+  report.machine = ThisMachine();
   report.before = HoldsNow();
   const Clock::time_point load_start = Clock::now();
   Model model = LoadModel(options.model, options.backend);

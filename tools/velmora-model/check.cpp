@@ -13,12 +13,10 @@
 #include "commands.h"
 #include "common/console.h"
 #include "common/text.h"
-#include "description.h"
 #include "errors.h"
 #include "files.h"
 #include "images.h"
 #include "model.h"
-#include "options.h"
 #include "summary.h"
 
 namespace velmora::tool {

@@ -12,7 +12,6 @@
 #include "errors.h"
 #include "images.h"
 #include "model.h"
-#include "options.h"
 #include "summary.h"
 
 namespace velmora::tool {
@@ -34,12 +33,6 @@ Exit status:
   1  they are not, or something failed, as standard error says
   2  wrong usage
   3  the model could not be loaded, or has fewer than two forms that run here)";
-
-struct CompareOptions {
-  std::string model;
-  std::vector<std::string> images;
-  bool json = false;
-};
 
 /// One engine's outputs for all images.
 struct Runs {
@@ -170,7 +163,7 @@ void PrintTables(const std::vector<Runs>& engines, const std::vector<Difference>
   }
 }
 
-int Compare(const CompareOptions& options) {
+int Compare(const CommonOptions& options) {
   Console console;
   std::vector<Model> models;
   for (const Form& form :
@@ -228,7 +221,7 @@ int Compare(const CompareOptions& options) {
 }  // namespace
 
 void AddCompare(CLI::App* program, int* status) {
-  const auto options = std::make_shared<CompareOptions>();
+  const auto options = std::make_shared<CommonOptions>();
   CLI::App* const command =
       AddCommand(program, "compare", "Run all engines on the same images and compare them", kHelp,
                  status, [options] { return Compare(*options); });

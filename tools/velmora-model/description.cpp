@@ -1,4 +1,4 @@
-#include "description.h"
+// Reads a MODEL.json. Links without an engine.
 
 #include <fmt/ranges.h>
 #include <json/json.h>
@@ -13,6 +13,7 @@
 
 #include "common/text.h"
 #include "files.h"
+#include "model.h"
 
 namespace velmora::tool {
 

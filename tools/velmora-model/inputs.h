@@ -19,16 +19,15 @@ struct InputShape {
   int channels = 0;
 };
 
-/// Each for the form of one backend, which must have loaded it before: these functions do not check
-/// files as the library does. IeInput() reads the pair for the CPU, reshaped to `input_width` and
-/// `input_height`.
+/// Each for a form that its backend has loaded: these functions check no files. IeInput() reads the
+/// pair for the CPU.
 InputShape DnnInput(const plugin::network::NetworkConfig& config);
 InputShape IeInput(const plugin::network::NetworkConfig& config);
 InputShape TfLiteInput(const plugin::network::NetworkConfig& config);
 
-/// Each for a form that its backend could not load or run: the reason, in the words of the engine
-/// or of the rule that rejected it, on one line; empty if all goes well now. Loads the form again.
-/// IeReason() does so on `device`, with the pair for the CPU.
+/// Each for a form that its backend could not load or run: loads it again, and returns the reason
+/// in the words of the engine or of the rule that rejected it, on one line; "" if all goes well
+/// now.
 std::string DnnReason(const plugin::network::NetworkConfig& config);
 std::string IeReason(const plugin::network::NetworkConfig& config, const std::string& device);
 std::string TfLiteReason(const plugin::network::NetworkConfig& config);
@@ -43,9 +42,8 @@ std::size_t Product(const std::vector<std::size_t>& shape);
 /// the values.
 using ShapeReader = std::function<OutputShapes(const cv::Mat& image)>;
 
-/// Each for a form that its backend has loaded. DnnOutputs() and IeOutputs() load it again. OpenCV
-/// knows a shape only after a run, so that reader runs the network for each image; the others have
-/// no shape for an output whose shape depends on the run.
+/// Each for a form that its backend has loaded. OpenCV knows a shape only after a run, so that
+/// reader runs the network for each image; the others omit shapes that depend on the run.
 ShapeReader DnnOutputs(const plugin::network::NetworkConfig& config);
 ShapeReader IeOutputs(const plugin::network::NetworkConfig& config);
 ShapeReader TfLiteOutputs(const plugin::network::NetworkConfig& config);

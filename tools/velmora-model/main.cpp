@@ -12,7 +12,6 @@
 #include "common/console.h"
 #include "errors.h"
 #include "model.h"
-#include "options.h"
 #include "protobuf_log.h"
 
 namespace {

@@ -8,7 +8,6 @@
 #include <numeric>
 
 #include "common/text.h"
-#include "description.h"
 #include "errors.h"
 
 namespace velmora::tool {
@@ -101,6 +100,16 @@ auto NamingFile(const std::string& path, Load load) {
   }
 }
 
+template <typename MakeNetwork>
+Model Load(const std::string& path, Use use, MakeNetwork make) {
+  return NamingFile(path, [&] {
+    Model model = ReadDescription(path);
+    model.engine = make(model.config);
+    TryNetwork(&model, use);
+    return model;
+  });
+}
+
 }  // namespace
 
 void SayWarning(const Model& model, Console* console) {
@@ -120,21 +129,11 @@ std::string WhyNoProbabilities(const Model& model, const std::vector<float>& val
 }
 
 Model LoadModel(const std::string& path, std::optional<Backend> backend, Use use) {
-  return NamingFile(path, [&] {
-    Model model = ReadDescription(path);
-    model.engine = MakeEngine(model.config, backend);
-    TryNetwork(&model, use);
-    return model;
-  });
+  return Load(path, use, [&](const auto& config) { return MakeEngine(config, backend); });
 }
 
 Model LoadForm(const std::string& path, const Form& form, Use use) {
-  return NamingFile(path, [&] {
-    Model model = ReadDescription(path);
-    model.engine = MakeEngine(form);
-    TryNetwork(&model, use);
-    return model;
-  });
+  return Load(path, use, [&](const auto&) { return MakeEngine(form); });
 }
 
 std::vector<Form> ListForms(const std::string& path,

@@ -52,6 +52,10 @@ struct Model {
 /// label; the latter if the description has labels; or anything.
 enum class Use { kProbabilities, kAnswer, kAnswerToLabels, kAny };
 
+/// The model without its network. Throws std::runtime_error, with the key but without the path, if
+/// the file cannot be read or does not describe a model.
+Model ReadDescription(const std::string& path);
+
 /// Throws ModelError if the description or the network cannot be loaded, if the network does not
 /// run on an image as described, or if its outputs are not what `use` says.
 Model LoadModel(const std::string& path, std::optional<Backend> backend, Use use = Use::kAnswer);

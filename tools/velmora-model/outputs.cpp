@@ -14,7 +14,6 @@
 #include "common/text.h"
 #include "images.h"
 #include "model.h"
-#include "options.h"
 #include "summary.h"
 
 namespace velmora::tool {
@@ -29,11 +28,7 @@ maximum of the finite ones, how many are infinite or NaN, and the shape. A saved
 output is FOLDER/IMAGE.OUTPUT.npy, with 32-bit floats for NumPy.
 )";
 
-struct OutputsOptions {
-  std::string model;
-  std::vector<std::string> images;
-  std::optional<Backend> backend;  // none for the factory's choice
-  bool json = false;
+struct OutputsOptions : CommonOptions {
   std::string save;  // folder; empty for none
 };
 
@@ -42,11 +37,9 @@ struct Output {
   std::string saved;  // path; empty when it is not
 };
 
-/// One image and its outputs, or an error instead.
 struct Result {
-  std::string file;
+  ImageRun run;
   std::vector<Output> outputs;
-  std::string error;
 };
 
 /// An output's name as part of a file name.
@@ -63,7 +56,7 @@ void PrintTable(const std::vector<Result>& results) {
   int file_width = 4;
   int name_width = 6;
   for (const Result& result : results) {
-    file_width = std::max(file_width, Width(OneLine(result.file)));
+    file_width = std::max(file_width, Width(OneLine(result.run.file)));
     for (const Output& output : result.outputs) {
       name_width = std::max(name_width, Width(OneLine(output.summary.name)));
     }
@@ -71,7 +64,7 @@ void PrintTable(const std::vector<Result>& results) {
   Print(fmt::format("{:<{}}  {:<{}}  {}  {}\n", "file", file_width, "output", name_width,
                     SummaryTitles(), "shape"));
   for (const Result& result : results) {
-    std::string file = OneLine(result.file);
+    std::string file = OneLine(result.run.file);
     for (const Output& output : result.outputs) {
       Print(fmt::format("{:<{}}  {:<{}}  {}  {}\n", file, file_width, OneLine(output.summary.name),
                         name_width, SummaryColumns(output.summary),
@@ -119,12 +112,7 @@ std::vector<Output> SummariseAll(const Model& model, const ImageRun& run, Output
 }
 
 Json::Value ToJson(const Result& result) {
-  Json::Value image;
-  image["file"] = JsonText(result.file);
-  if (!result.error.empty()) {
-    image["error"] = JsonText(result.error);
-    return image;
-  }
+  Json::Value image = ToJson(result.run);
   for (const Output& output : result.outputs) {
     Json::Value& entry = image["outputs"].append(ToJson(output.summary));
     if (!output.saved.empty()) {
@@ -155,7 +143,8 @@ int Outputs(const OutputsOptions& options) {
       } catch (...) {
         run.Fail(&console);
       }
-      results.push_back({run.file, std::move(outputs), run.error});
+      run.image = run.prepared = cv::Mat();  // all results are kept
+      results.push_back({std::move(run), std::move(outputs)});
     }
     console.ShowProgress(results.size(), images.size());
   }
@@ -182,10 +171,7 @@ void AddOutputs(CLI::App* program, int* status) {
   CLI::App* const command = AddCommand(
       program, "outputs", "Show all outputs of a network for images",
       fmt::format("{}\n{}", kHelp, kStatusHelp), status, [options] { return Outputs(*options); });
-  AddModel(command, &options->model);
-  AddImages(command, &options->images);
-  AddBackend(command, &options->backend);
-  AddJson(command, &options->json);
+  AddCommon(command, options.get());
   AddText(command, "--save", &options->save, "FOLDER", "Write each output there as a .npy file");
 }
 

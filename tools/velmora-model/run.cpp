@@ -22,7 +22,6 @@
 #include "files.h"
 #include "images.h"
 #include "model.h"
-#include "options.h"
 #include "truth.h"
 
 namespace velmora::tool {
@@ -36,13 +35,9 @@ its flags; the line "why" says why it passed over an engine that comes earlier.
 velmora-model(1) describes MODEL.json, truth files and annotated images.
 )";
 
-struct RunOptions {
-  std::string model;
-  std::vector<std::string> images;
-  std::optional<Backend> backend;  // none for the factory's choice
+struct RunOptions : CommonOptions {
   int top = 1;
   int batch = 1;
-  bool json = false;
   std::string annotate;  // folder; empty for none
   std::string truth;     // file; empty for the truth.csv beside the images
 };
@@ -152,10 +147,8 @@ class Table {
 };
 
 Json::Value ToJson(const Result& result) {
-  Json::Value image;
-  image["file"] = JsonText(result.run.file);
+  Json::Value image = ToJson(result.run);
   if (!result.run.error.empty()) {
-    image["error"] = JsonText(result.run.error);
     return image;
   }
   for (const Answer& answer : result.answers) {
@@ -274,14 +267,11 @@ void AddRun(CLI::App* program, int* status) {
   CLI::App* const command = AddCommand(program, "run", "Recognise images",
                                        fmt::format("{}\n{}\n{}", kHelp, kExamples, kStatusHelp),
                                        status, [options] { return Run(*options); });
-  AddModel(command, &options->model);
-  AddImages(command, &options->images);
-  AddBackend(command, &options->backend);
+  AddCommon(command, options.get());
   AddNumber(command, "--top", &options->top, "K", 1, 1'000'000,
             "Answers to show for each image, best first [1]");
   AddNumber(command, "--batch", &options->batch, "N", 1, 4096,
             "Images given to the network at a time [1]");
-  AddJson(command, &options->json);
   AddText(command, "--annotate", &options->annotate, "FOLDER",
           "Write the images with their answers there");
   AddText(command, "--truth", &options->truth, "FILE",

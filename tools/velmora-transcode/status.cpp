@@ -4,9 +4,7 @@
 
 #include <algorithm>
 #include <stdexcept>
-#include <string>
 #include <utility>
-#include <vector>
 
 #include "commands.h"
 #include "common/backends.h"

@@ -8,7 +8,6 @@
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
-#include <string>
 
 #include "commands.h"
 #include "common/console.h"

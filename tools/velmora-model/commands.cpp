@@ -1,4 +1,4 @@
-#include "options.h"
+#include "commands.h"
 
 #include <CLI/CLI.hpp>
 #include <map>
@@ -52,6 +52,13 @@ void AddBackend(CLI::App* command, std::optional<Backend>* backend) {
 
 void AddJson(CLI::App* command, bool* json) {
   command->add_flag("--json", *json, "Print one JSON document instead of a table");
+}
+
+void AddCommon(CLI::App* command, CommonOptions* options) {
+  AddModel(command, &options->model);
+  AddImages(command, &options->images);
+  AddBackend(command, &options->backend);
+  AddJson(command, &options->json);
 }
 
 }  // namespace velmora::tool
