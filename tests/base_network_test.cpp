@@ -1,6 +1,7 @@
 // What every backend promises through BaseNetwork.
 #include <gmock/gmock.h>
 #include <velmora/plugin/network/create_network.h>
+#include <velmora/plugin/network/dnn_network.h>
 
 #include <cstdlib>
 #include <memory>
@@ -35,7 +36,10 @@ class BaseNetworkTest : public testing::TestWithParam<const char*> {
     setenv("VELMORA_TEST_PLATFORM", GetParam(), 1);
   }
   static std::unique_ptr<BaseNetwork> Network(const NetworkConfig& config = Sample()) {
-    return std::unique_ptr<BaseNetwork>(CreateNetwork(config));
+    std::unique_ptr<BaseNetwork> network(CreateNetwork(config));
+    EXPECT_EQ(std::string("dnn") == GetParam(),
+              dynamic_cast<DnnNetwork*>(network.get()) != nullptr);
+    return network;
   }
 
   const std::string backend_ = GetParam();

@@ -40,8 +40,7 @@ TEST_P(HostTest, LoadsUsesAndUnloadsNetworksInTheSameMemory) {
     }
     ASSERT_EQ(0, dlclose(module));
     // The sanitizers keep what is freed, and a library that has their code is not unloaded.
-    ASSERT_TRUE(VELMORA_IS_SANITIZED ||
-                dlopen("libvelmora-plugin-model.so.1", RTLD_NOW | RTLD_NOLOAD) == nullptr);
+    ASSERT_TRUE(VELMORA_IS_SANITIZED || dlopen(VELMORA_LIBRARY, RTLD_NOW | RTLD_NOLOAD) == nullptr);
   }
   EXPECT_TRUE(VELMORA_IS_SANITIZED || AllocatedKilobytes() < allocated + 32)
       << AllocatedKilobytes() << " KiB after " << allocated;
