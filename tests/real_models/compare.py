@@ -102,7 +102,7 @@ def load_openvino(path, size):
 
 def join(prototxt, weights, path):
     """Makes one file of a pair."""
-    net = text_format.Parse(Path(prototxt).read_text(), CaffeNet())
+    net = text_format.Parse(Path(prototxt).read_text(), CaffeNet(), allow_unknown_field=True)
     trained = {layer.name: layer.blobs for layer in CaffeNet.FromString(Path(weights).read_bytes()).layer}
     for layer in net.layer:
         layer.blobs.extend(trained.get(layer.name, []))
