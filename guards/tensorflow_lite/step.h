@@ -20,8 +20,8 @@ constexpr std::int64_t kUnknown = -1;  // a size that is only known at run time
 /// Returns a vector of a table, or an empty one if the table does not have it.
 template <typename Vector>
 const Vector& OrEmpty(const Vector* vector) {
-  static const std::uint32_t nothing = 0;
-  return vector != nullptr ? *vector : *reinterpret_cast<const Vector*>(&nothing);
+  static const std::uint32_t kNothing = 0;
+  return vector != nullptr ? *vector : *reinterpret_cast<const Vector*>(&kNothing);
 }
 
 class Step {

@@ -46,8 +46,8 @@ const Json::Value* Flag(const Json::Value& entry, std::string_view name) {
 }
 
 const Json::Value* Pid(const Json::Value& entry) {
-  constexpr std::string_view name = "PID";
-  const Json::Value* const pid = entry.find(name.data(), name.data() + name.size());
+  constexpr std::string_view kName = "PID";
+  const Json::Value* const pid = entry.find(kName.data(), kName.data() + kName.size());
   return pid != nullptr && pid->isInt() ? pid : nullptr;
 }
 
