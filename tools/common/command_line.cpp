@@ -2,8 +2,7 @@
 
 #include <fmt/format.h>
 
-#include <CLI/Config.hpp>
-#include <CLI/Formatter.hpp>
+#include <CLI/CLI.hpp>
 #include <algorithm>
 
 #include "common/console.h"
