@@ -43,7 +43,7 @@ def read_page(program):
 for program in sys.argv[1:]:
     read_help(program)
     read_page(Path(program).name)
-faults = [f"in only one of --help and the man page: {thing}" for thing in sorted(said ^ written)]
+errors = [f"in only one of --help and the man page: {thing}" for thing in sorted(said ^ written)]
 
 # The operating guide: every line of the log and every error. What stands for a value in the source, or
 # is put behind it there, is any text.
@@ -57,10 +57,10 @@ assert len(lines) > 25, lines  # or the pattern no longer fits the source
 for source, line in lines:
     words = [re.escape(part) for part in re.split(r"%[sd]|\{\}", line.removeprefix("%s:%d "))]
     if not re.search("`" + r"[^`\n]+".join(words).strip() + "[^`\n]*`", guide):
-        faults.append(f"not in docs/operating.md: {line} ({source.name})")
+        errors.append(f"not in docs/operating.md: {line} ({source.name})")
 
 for document in [*SOURCE.glob("*.md"), *SOURCE.glob("docs/*.md"), *SOURCE.glob("models/*/*.md")]:
-    faults += [f"{document.relative_to(SOURCE)}: no {link}"
+    errors += [f"{document.relative_to(SOURCE)}: no {link}"
                for link in re.findall(r"\]\(([^)#:]+)[)#]", document.read_text())
                if not (document.parent / link).exists()]
 
@@ -74,7 +74,7 @@ for room, may in rooms.items():
                 "include", "src", "guards", "compat", "compat/protobuf", "appliance", "tools"))]
             file = next((root / name for root in found if (root / name).exists()), None)
             if file and not any(f"{file.relative_to(SOURCE)}".startswith(folder) for folder in (room, *may)):
-                faults.append(f"docs/architecture.md: {source.relative_to(SOURCE)} may not include {name}")
+                errors.append(f"docs/architecture.md: {source.relative_to(SOURCE)} may not include {name}")
 
-print("\n".join(faults) or "the documents say what the programs say and the library writes")
-sys.exit(1 if faults else 0)
+print("\n".join(errors) or "the documents say what the programs say and the library writes")
+sys.exit(1 if errors else 0)

@@ -200,19 +200,19 @@ def check(network, size, preparation):
     return "" if right else f"CHECK: {error} {json.dumps(document)}"
 
 
-compared, largest, faults = 0, 0, []
+compared, largest, errors = 0, 0, []
 for file, sizes, *preparation in NETWORKS:
     together = {}
     for form, backend, size, run, network in forms(SITE / file, sizes):
-        count, part, fault = compare(run, backend, network, size, preparation)
+        count, part, error = compare(run, backend, network, size, preparation)
         compared, largest = compared + count, max(largest, part)
-        faults += [fault] if fault else []
+        errors += [error] if error else []
         print(f"{Path(file).stem}, {form}, {size[1]} x {size[0]}, batch {network.get('batch_size', 1)}: "
-              f"{fault or (f'{count} outputs, {part:.1e}' if count else 'asks for a size')}", flush=True)
+              f"{error or (f'{count} outputs, {part:.1e}' if count else 'asks for a size')}", flush=True)
         together |= network if form in ("pair, ends", "tflite", "IR") and size == sizes[0] else {}
-    faults += filter(None, [check(together, sizes[0], preparation)])
-refused = sum(fault.startswith("REFUSED") for fault in faults)
+    errors += filter(None, [check(together, sizes[0], preparation)])
+refused = sum(error.startswith("REFUSED") for error in errors)
 print(f"real models: {len(NETWORKS)} networks, {compared} comparisons, {refused} refused, "
-      f"{len(faults) - refused} wrong, largest difference {largest:.1e}")
-print("\n".join(faults))
-sys.exit(1 if faults else 0)
+      f"{len(errors) - refused} wrong, largest difference {largest:.1e}")
+print("\n".join(errors))
+sys.exit(1 if errors else 0)
